@@ -1,0 +1,273 @@
+// Unit and block conversion between byte orders.
+//
+// The block loops are the library's hot path: one type dispatch per block,
+// then straight loops of byte reversals. Word-shaped records (every type
+// whose fields are all 32-bit) are converted as one run of words.
+
+#include "ByteSwap.h"
+
+#include <cstring>
+#include <initializer_list>
+
+#include "Endian.h"
+#include "ErrHndr.h"
+#include "Globe.h"
+
+namespace tamo {
+
+namespace {
+
+// The last COFF symbol unit converted by TypeUnitSwap, for callers that
+// convert one unit at a time.
+CoffLink g_unitLink;
+
+// Runs of 32-bit words: the distinct-buffer and in-place loops are separate
+// so that the compiler can vectorise both without alias checks.
+void swapWordsDistinct(const uint8_t* __restrict src, uint8_t* __restrict dst, size_t n) {
+    for (size_t i = 0; i < n; ++i) storeRaw(dst + 4 * i, bswap32(loadRaw<uint32_t>(src + 4 * i)));
+}
+void swapWordsInPlace(uint8_t* p, size_t n) {
+    for (size_t i = 0; i < n; ++i) storeRaw(p + 4 * i, bswap32(loadRaw<uint32_t>(p + 4 * i)));
+}
+void swapWords(const uint8_t* src, uint8_t* dst, size_t n) {
+    if (src == dst)
+        swapWordsInPlace(dst, n);
+    else
+        swapWordsDistinct(src, dst, n);
+}
+
+void swapHalvesDistinct(const uint8_t* __restrict src, uint8_t* __restrict dst, size_t n) {
+    for (size_t i = 0; i < n; ++i) storeRaw(dst + 2 * i, bswap16(loadRaw<uint16_t>(src + 2 * i)));
+}
+void swapHalvesInPlace(uint8_t* p, size_t n) {
+    for (size_t i = 0; i < n; ++i) storeRaw(p + 2 * i, bswap16(loadRaw<uint16_t>(p + 2 * i)));
+}
+
+// 20-byte symbols: words at 0, 4, 8 and 16, a half at 14; bytes 12 and 13
+// (st_info, st_other) stay. Word 3 is loaded whole and only its st_shndx
+// half is reversed.
+inline uint32_t swapSymWord3(uint32_t w) {
+    if constexpr (kHostOrder == ByteOrder::Little)
+        return (w & 0x0000ffffu) | (static_cast<uint32_t>(bswap16(static_cast<uint16_t>(w >> 16))) << 16);
+    else
+        return (w & 0xffff0000u) | bswap16(static_cast<uint16_t>(w));
+}
+void swapSymsDistinct(const uint8_t* __restrict src, uint8_t* __restrict dst, size_t n) {
+    for (size_t i = 0; i < n; ++i, src += 20, dst += 20) {
+        uint32_t w[5];
+        std::memcpy(w, src, 20);
+        w[0] = bswap32(w[0]);
+        w[1] = bswap32(w[1]);
+        w[2] = bswap32(w[2]);
+        w[3] = swapSymWord3(w[3]);
+        w[4] = bswap32(w[4]);
+        std::memcpy(dst, w, 20);
+    }
+}
+void swapSymsInPlace(uint8_t* p, size_t n) {
+    for (size_t i = 0; i < n; ++i, p += 20) {
+        uint32_t w[5];
+        std::memcpy(w, p, 20);
+        w[0] = bswap32(w[0]);
+        w[1] = bswap32(w[1]);
+        w[2] = bswap32(w[2]);
+        w[3] = swapSymWord3(w[3]);
+        w[4] = bswap32(w[4]);
+        std::memcpy(p, w, 20);
+    }
+}
+
+void swapEhdr(const uint8_t* src, uint8_t* dst) {
+    if (src != dst) std::memmove(dst, src, EI_NIDENT);
+    static constexpr uint8_t kHalves[] = {16, 18, 40, 42, 44, 46, 48, 50};
+    static constexpr uint8_t kWords[] = {20, 24, 28, 32, 36};
+    for (uint8_t off : kHalves) swapField2(src + off, dst + off);
+    for (uint8_t off : kWords) swapField4(src + off, dst + off);
+}
+
+void swapLnRela(const uint8_t* src, uint8_t* dst, uint32_t from, uint32_t to) {
+    uint32_t off = bswap32(loadRaw<uint32_t>(src));
+    storeRaw(dst, static_cast<uint32_t>(off / from * to));
+    swapField4(src + 4, dst + 4);
+    swapField4(src + 8, dst + 8);
+}
+
+void lineInfoUnit(uint8_t* src, uint8_t* dst) {
+    ByteSwap::swap_line_info(src);
+    if (dst != src) std::memcpy(dst, src, 6);
+}
+
+CoffLink linkOf(const uint8_t* unit) {
+    CoffLink l;
+    l.valid = true;
+    l.type = loadRaw<uint16_t>(unit + 14);
+    l.sclass = unit[16];
+    l.numaux = unit[17];
+    return l;
+}
+
+// One 18-byte COFF unit: an auxiliary entry when the unit before it had
+// auxiliary entries, else a symbol entry. Converted in place in src, then
+// copied; the link remembers this unit's fields in host order.
+void symentUnit(uint8_t* src, uint8_t* dst, CoffLink& link, bool srcNative) {
+    const bool isAux = link.valid && link.numaux != 0;
+    CoffLink next;
+    if (srcNative) next = linkOf(src);
+    if (isAux)
+        ByteSwap::swap_aux_entry(src, link);
+    else
+        ByteSwap::swap_symtab_entry(src);
+    if (!srcNative) next = linkOf(src);
+    if (dst != src) std::memcpy(dst, src, 18);
+    link = next;
+}
+
+bool isWordShaped(Elf_Type type) {
+    switch (type) {
+    case ELF_T_ADDR:
+    case ELF_T_OFF:
+    case ELF_T_WORD:
+    case ELF_T_DYN:
+    case ELF_T_REL:
+    case ELF_T_RELA:
+    case ELF_T_THREEWORD:
+    case ELF_T_PHDR:
+    case ELF_T_SHDR:
+    case ELF_T_SIXWORD:
+        return true;
+    default:
+        return false;
+    }
+}
+
+long convert(uint8_t* src, uint8_t* dst, Elf_Type type, size_t count, CoffLink& link, bool srcNative) {
+    if (!src || !dst || static_cast<uint32_t>(type) >= ELF_T_NUM) {
+        SETERR(ERR_DESC_TYPE);
+        return -1;
+    }
+    if (type == ELF_T_SWORD || type == ELF_T_SPARE) {
+        if (count == 0) return 0;
+        SETERR(ERR_SWAP_TYPE);
+        return -1;
+    }
+    const size_t unit = unitSize(type);
+    if (isWordShaped(type)) {
+        swapWords(src, dst, count * (unit / 4));
+        return static_cast<long>(count);
+    }
+    switch (type) {
+    case ELF_T_BYTE:
+        if (src != dst && count) std::memmove(dst, src, count);
+        break;
+    case ELF_T_HALF:
+        if (src == dst)
+            swapHalvesInPlace(dst, count);
+        else
+            swapHalvesDistinct(src, dst, count);
+        break;
+    case ELF_T_SYM:
+        if (src == dst)
+            swapSymsInPlace(dst, count);
+        else
+            swapSymsDistinct(src, dst, count);
+        break;
+    case ELF_T_EHDR:
+        for (size_t i = 0; i < count; ++i) swapEhdr(src + i * unit, dst + i * unit);
+        break;
+    case ELF_T_LINENO:
+        for (size_t i = 0; i < count; ++i) lineInfoUnit(src + i * unit, dst + i * unit);
+        break;
+    case ELF_T_SYMENT:
+        for (size_t i = 0; i < count; ++i) symentUnit(src + i * unit, dst + i * unit, link, srcNative);
+        break;
+    case ELF_T_LNRELA_6TO8:
+        for (size_t i = 0; i < count; ++i) swapLnRela(src + i * unit, dst + i * unit, 6, 8);
+        break;
+    case ELF_T_LNRELA_8TO6:
+        for (size_t i = 0; i < count; ++i) swapLnRela(src + i * unit, dst + i * unit, 8, 6);
+        break;
+    default:
+        SETERR(ERR_SWAP_TYPE);
+        return -1;
+    }
+    return static_cast<long>(count);
+}
+
+}  // namespace
+
+AuxFields auxEntryFields(uint8_t c, uint16_t t, bool firstWordZero) {
+    AuxFields a;
+    auto set = [&a](int row, std::initializer_list<AuxFields::Field> f) {
+        a.row = row;
+        a.count = 0;
+        for (const auto& x : f) a.fields[a.count++] = x;
+    };
+    const unsigned bt = t & 0x0fu;
+    const unsigned dt = t & 0x30u;
+    const bool inS = c == 1 || c == 2 || c == 3 || c == 4 || c == 8 || c == 9 || c == 11 || c == 13 || c == 17;
+    if (c == 103 && t == 0 && !firstWordZero)
+        set(1, {});  // file name inline
+    else if (c == 103 && t == 0)
+        set(2, {{4, 4}});  // file name by string-table offset
+    else if (c == 3 && t == 0)
+        set(3, {{0, 4}, {4, 2}, {6, 2}});  // section: length, relocations, line numbers
+    else if ((c == 10 && t == 8) || (c == 12 && t == 9) || (c == 15 && t == 10))
+        set(4, {{6, 2}, {12, 4}});  // struct/union/enum tag: size, end index
+    else if (c == 102 && t == 0)
+        set(5, {{0, 4}, {6, 2}});  // end of structure: tag index, size
+    else if ((c == 2 || c == 3) && dt == 0x20 && bt != 11)
+        set(6, {{0, 4}, {4, 4}, {8, 4}, {12, 4}});  // function
+    else if (inS && dt == 0x30 && bt != 11)
+        set(7, {{0, 4}, {4, 2}, {6, 2}, {8, 2}, {10, 2}, {12, 2}, {14, 2}});  // array
+    else if ((c == 100 || c == 101) && t == 0)
+        set(8, {{4, 2}, {12, 4}});  // block or function begin/end
+    else if (inS && (dt == 0 || dt == 0x10) && bt != 11 && (t & 0x0bu) != 0)
+        set(9, {{0, 4}, {6, 2}});  // tag index and size
+    else if (c == 18 && dt == 0)
+        set(10, {{0, 4}, {6, 2}});  // bit field
+    else
+        set(11, {});
+    return a;
+}
+
+void ByteSwap::UnsignedUnitSwap(char* src, char* dst, int n) {
+    if (n <= 0 || !src || !dst) return;
+    auto* s = reinterpret_cast<uint8_t*>(src);
+    auto* d = reinterpret_cast<uint8_t*>(dst);
+    if (s == d) {
+        reverseInPlace(d, static_cast<size_t>(n));
+        return;
+    }
+    for (int i = 0; i < n; ++i) d[i] = s[n - 1 - i];
+}
+
+int ByteSwap::TypeUnitSwap(char* src, char* dst, Elf_Type type) {
+    long r = convert(reinterpret_cast<uint8_t*>(src), reinterpret_cast<uint8_t*>(dst), type, 1, g_unitLink,
+                     /*srcNative=*/false);
+    return r < 0 ? -1 : static_cast<int>(unitSize(type));
+}
+
+long ByteSwap::swapBlock(char* src, char* dst, Elf_Type type, size_t count, bool srcNative) {
+    CoffLink link;
+    return convert(reinterpret_cast<uint8_t*>(src), reinterpret_cast<uint8_t*>(dst), type, count, link, srcNative);
+}
+
+void ByteSwap::swap_line_info(uint8_t* p) {
+    reverseInPlace(p, 4);
+    if (p[4] | p[5]) reverseInPlace(p + 4, 2);
+}
+
+void ByteSwap::swap_symtab_entry(uint8_t* p) {
+    if ((p[0] | p[1] | p[2] | p[3]) == 0) reverseInPlace(p + 4, 4);  // name by string-table offset
+    reverseInPlace(p + 8, 4);                                         // n_value
+    reverseInPlace(p + 12, 2);                                        // n_scnum
+    reverseInPlace(p + 14, 2);                                        // n_type
+}
+
+void ByteSwap::swap_aux_entry(uint8_t* p, const CoffLink& sym) {
+    const bool firstWordZero = (p[0] | p[1] | p[2] | p[3]) == 0;
+    const AuxFields f = auxEntryFields(sym.sclass, sym.type, firstWordZero);
+    for (uint8_t i = 0; i < f.count; ++i) reverseInPlace(p + f.fields[i].off, f.fields[i].width);
+}
+
+}  // namespace tamo

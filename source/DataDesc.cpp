@@ -1,0 +1,184 @@
+#include "DataDesc.h"
+
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "ByteSwap.h"
+#include "ElfDesc.h"
+#include "ElfScn.h"
+#include "ErrHndr.h"
+#include "Globe.h"
+#include "Registry.h"
+#include "dwarf_swap.h"
+
+using namespace tamo;
+
+DataDesc::DataDesc(Elf_Scn* owner)
+    : m_data{},
+      m_lMagicNum(DAT_MAGIC_NUM),
+      m_pScn(owner),
+      m_bDirty(0),
+      m_pPlaced(nullptr),
+      m_readable(0),
+      m_bInImage(false) {
+    Registry::add(HandleClass::Data, this);
+}
+
+DataDesc::~DataDesc() {
+    Registry::remove(HandleClass::Data, this);
+    m_lMagicNum = 0;
+}
+
+size_t DataDesc::readableFrom(const char* p) const {
+    if (!m_pPlaced || m_data.d_buf != m_pPlaced) return SIZE_MAX;
+    const auto* q = reinterpret_cast<const uint8_t*>(p);
+    if (q < m_pPlaced || q >= m_pPlaced + m_readable) return 0;
+    return static_cast<size_t>(m_pPlaced + m_readable - q);
+}
+
+int DataDesc::initialize() {
+    if (!m_data.d_buf) return 0;
+    const Elf32_Shdr* sh = m_pScn->m_pShdr;
+    if (!sh) {
+        SETERR(ERR_GET_SHDR);
+        return -1;
+    }
+    const Elf_Type type = scnDataType(sh->sh_type);
+    m_data.d_type = type;
+    if (type == ELF_T_NUM) {
+        SETERR(ERR_SH_TYPE);
+        return -1;
+    }
+    m_data.d_off = 0;
+    m_data.d_align = 1;
+    m_data.d_size = sh->sh_size;
+    Elf* elf = m_pScn->m_pElf;
+    if (!elf) {
+        SETERR(ERR_NO_ELF);
+        return -1;
+    }
+    if (!elf->m_pEhdr) {
+        SETERR(ERR_NO_EHDR);
+        return -1;
+    }
+    m_data.d_version = elf->m_pEhdr->e_version;
+
+    // Convert in place to host order. A failure leaves its code set and the
+    // bytes as they are; reading goes on.
+    const SwapPlan p = plan(type, /*toFile=*/false, /*force=*/false);
+    if (p.status > 0) {
+        char* buf = static_cast<char*>(m_data.d_buf);
+        const bool changesImage = m_bInImage && (p.dwarf || type != ELF_T_BYTE);
+        std::unique_ptr<uint8_t[]> original;
+        bool ok = true;
+        if (changesImage) {
+            // Bytes inside a caller's image must come back exactly when the
+            // descriptor ends: conversions that are not their own inverse keep
+            // a copy of the original bytes.
+            ok = elf->reserveImageUndo();
+            if (ok && (p.dwarf || !ByteSwap::isInvolution(type))) {
+                original.reset(new (std::nothrow) uint8_t[m_data.d_size ? m_data.d_size : 1]);
+                if (original)
+                    std::memcpy(original.get(), buf, m_data.d_size);
+                else {
+                    SETERR(ERR_NOMEM);
+                    ok = false;
+                }
+            }
+        }
+        if (ok) {
+            const long converted = execute(p, buf, buf);
+            if (converted > 0 && changesImage)
+                elf->recordImageConversion(reinterpret_cast<uint8_t*>(buf), m_data.d_size, type, p.count,
+                                           std::move(original));
+        }
+    }
+    m_data.d_type = trueType[m_data.d_type];
+    return m_data.d_size > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(m_data.d_size);
+}
+
+SwapPlan DataDesc::plan(Elf_Type type, bool toFile, bool force) {
+    SwapPlan p;
+    p.type = type;
+    if (static_cast<uint32_t>(type) >= ELF_T_NUM) {
+        SETERR(ERR_DATA_TYPE);
+        p.status = -1;
+        return p;
+    }
+    Elf_Scn* scn = m_pScn;
+    Elf* elf = scn ? scn->m_pElf : nullptr;
+    const Elf32_Ehdr* ehdr = elf ? elf->m_pEhdr : nullptr;
+    if (!scn || !elf || !ehdr || !scn->m_pShdr) {
+        SETERR(!scn ? ERR_NO_SCN : !elf ? ERR_NO_ELF : ERR_NO_EHDR);
+        p.status = -1;
+        return p;
+    }
+    const bool isNames = scn->m_index == ehdr->e_shstrndx;
+    p.name = isNames ? "" : elf->sectionName(*scn);
+
+    if (!isNames && !toFile && !force) {
+        Elf_ReadSwapController controller = elf->m_ctrl ? elf->m_ctrl : &Elf::defaultReadSwapController;
+        const int id = controller(scn->m_pShdr, p.name);
+        if (id < 1 || id > 4) {
+            SETERR(ERR_SWAP_BEHAVIOR);
+            p.status = -1;
+            return p;
+        }
+        scn->m_swapBehavior = static_cast<uint32_t>(id);
+    }
+
+    if (force) {
+        p.srcNative = toFile;
+    } else {
+        const uint32_t e = ehdr->e_ident[EI_DATA];
+        const uint32_t host = Elf::DEFAULT_ENCODING;
+        switch (scn->m_swapBehavior) {
+        case 1:
+            if (e == host) return p;
+            break;
+        case 2:
+            if (e == ELFDATA2LSB) return p;
+            break;
+        case 3:
+            if (e == ELFDATA2MSB) return p;
+            break;
+        case 4:
+            return p;
+        default:
+            SETERR(ERR_SWAP_BEHAVIOR);
+            p.status = -1;
+            return p;
+        }
+        p.srcNative = (e == host) != toFile;
+    }
+    if (m_data.d_version != EV_CURRENT) {
+        SETERR(ERR_VERSION_NUMBER);
+        p.status = -1;
+        return p;
+    }
+    p.count = m_data.d_size / unitSize(type);
+    p.dwarf = !isNames && (std::strncmp(p.name, ".debug_line", 11) == 0 || std::strncmp(p.name, ".debug_info", 11) == 0);
+    p.status = 1;
+    return p;
+}
+
+long DataDesc::execute(const SwapPlan& p, char* src, char* dst) {
+    if (p.dwarf) {
+        dwarfConvert(p.name, src, dst, m_data.d_size, m_pScn->m_pElf, p.srcNative);
+        return static_cast<long>(p.count);
+    }
+    if (p.type == ELF_T_BYTE) {
+        if (src != dst && p.count) std::memmove(dst, src, p.count);
+        return static_cast<long>(p.count);
+    }
+    return ByteSwap::swapBlock(src, dst, p.type, p.count, p.srcNative);
+}
+
+int DataDesc::swap(char* src, char* dst, Elf_Type type, bool toFile, bool force) {
+    const SwapPlan p = plan(type, toFile, force);
+    if (p.status <= 0) return p.status;
+    const long r = execute(p, src, dst);
+    return r > INT_MAX ? INT_MAX : static_cast<int>(r);
+}

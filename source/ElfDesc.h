@@ -1,0 +1,136 @@
+// The descriptor behind every Elf* handle: an ELF file (from a file id or a
+// memory image, or new for writing), an archive, or one archive member.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "ByteSwap.h"
+#include "FileDesc.h"
+#include "tamoelf.h"
+
+class ArDesc;
+class ArMember;
+class Elf_Scn;
+
+class Elf : public tamo::ByteSwap {
+public:
+    static constexpr uint32_t DEFAULT_ENCODING = tamo::elf_encoding();
+
+    uint32_t m_lMagicNum;
+    FileDesc* m_pFile;
+    ArDesc* m_pAr = nullptr;
+    ArMember* m_pMember = nullptr;
+    Elf_Kind m_kind;
+    Elf32_Ehdr* m_pEhdr = nullptr;
+    Elf_ReadSwapController m_ctrl = &Elf::defaultReadSwapController;
+    uint16_t m_activation = 1;
+    Elf_Cmd m_cmd;
+    int m_bDirty = 0;
+    int m_bLayout = 0;
+    Elf_Cmd m_fdState = ELF_C_NULL;
+
+    // An ELF file on f; the descriptor owns f.
+    Elf(std::unique_ptr<FileDesc> f, Elf_Cmd cmd);
+    // An archive's own descriptor; it owns the archive descriptor and its
+    // file object.
+    Elf(std::unique_ptr<FileDesc> f, std::unique_ptr<ArDesc> ar, Elf_Cmd cmd);
+    // A member's descriptor; the archive keeps the member record.
+    Elf(ArMember* member, Elf_Cmd cmd);
+    ~Elf();
+    Elf(const Elf&) = delete;
+    Elf& operator=(const Elf&) = delete;
+
+    // 1 when the header and section table were read, 0 when there is nothing
+    // to read (new file, archive), -1 on failure.
+    int initialize();
+    int init_ElfHdr();
+    int init_ScnTab();
+
+    // The section descriptor for index, made (and its data read) on first use.
+    Elf_Scn* get_scn(size_t index);
+    // The section header of index, or null with code 21.
+    Elf32_Shdr* get_shdr(size_t index) const;
+    size_t shdrCount() const { return m_nFileShdrs + m_newShdrs.size(); }
+    // The section descriptor already made for index, or null.
+    Elf_Scn* scnAt(size_t index) const { return index < m_vScns.size() ? m_vScns[index].get() : nullptr; }
+
+    // Makes a descriptor (and so reads the data) of every section 1..n-1, or
+    // of every member of an archive.
+    int read_all();
+
+    // Tears the descriptor down and frees it.
+    void destroy();
+
+    // Converts one header record when the file's order is not the host's;
+    // 0 when nothing was converted.
+    int swap(char* src, char* dst, Elf_Type type);
+
+    static int defaultReadSwapController(Elf32_Shdr*, const char*);
+
+    // tamo_elf_strptr after its argument checks.
+    char* strptr(size_t section, size_t offset);
+    // The name of a section for the swap policy: "" when it cannot be had.
+    // Leaves the error state as it was.
+    const char* sectionName(const Elf_Scn& scn);
+
+    // Creating (tamo_elf32_newehdr, tamo_elf_newscn).
+    Elf32_Ehdr* new_header();
+    Elf_Scn* new_scn();
+
+    bool onImage() const { return m_pFile && m_pFile->isImage(); }
+    bool isArchive() const { return m_pAr != nullptr; }
+    bool isMember() const { return m_pMember != nullptr; }
+    int fd() const { return m_pFile ? m_pFile->m_iFd : -1; }
+    bool foreign() const { return m_pEhdr && m_pEhdr->e_ident[EI_DATA] != DEFAULT_ENCODING; }
+
+    // Where this descriptor's contents start in the file, and how many bytes
+    // they may span (the member's size, the file's or the image's).
+    int64_t baseOffset() const;
+    uint64_t contentLimit();
+
+    // Accounts for n more bytes of section data placed by this descriptor;
+    // fails with code 4 when a hostile file would make the library place far
+    // more bytes than the input holds (overlapping sections).
+    bool chargeSectionBytes(uint64_t n);
+
+    // Records that len bytes at p inside the memory image were converted in
+    // place, so that ending the descriptor can put them back: by converting
+    // again (involutive types) or from a copy of the original bytes.
+    // reserveImageUndo makes room for one record beforehand (false with
+    // code 4), so that recording cannot fail once the bytes are converted.
+    void recordImageConversion(uint8_t* p, size_t len, Elf_Type type, size_t count,
+                               std::unique_ptr<uint8_t[]> original);
+    bool reserveImageUndo();
+
+private:
+    struct ImageUndo {
+        uint8_t* at;
+        size_t len;
+        Elf_Type type;
+        size_t count;
+        std::unique_ptr<uint8_t[]> original;
+    };
+
+    void restoreImage() noexcept;
+
+    std::unique_ptr<FileDesc> m_ownedFile;
+    std::unique_ptr<ArDesc> m_ownedAr;
+    std::unique_ptr<Elf32_Ehdr> m_ownedEhdr;
+
+    // Section headers: the table read from the file in one block, then any
+    // made by tamo_elf_newscn (a deque keeps handed-out pointers valid).
+    std::unique_ptr<Elf32_Shdr[]> m_fileShdrs;
+    size_t m_nFileShdrs = 0;
+    std::deque<Elf32_Shdr> m_newShdrs;
+
+    // Section descriptors by index: lookup is constant time, and walking the
+    // vector gives index order.
+    std::vector<std::unique_ptr<Elf_Scn>> m_vScns;
+
+    std::vector<ImageUndo> m_undo;
+    uint64_t m_placedBytes = 0;
+};

@@ -1,0 +1,193 @@
+#include "ElfScn.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "ElfDesc.h"
+#include "ErrHndr.h"
+#include "Globe.h"
+#include "Registry.h"
+
+using namespace tamo;
+
+Elf_Scn::Elf_Scn(Elf* owner, uint16_t index) : m_lMagicNum(SCN_MAGIC_NUM), m_pElf(owner), m_index(index) {
+    Registry::add(HandleClass::Scn, this);
+}
+
+Elf_Scn::~Elf_Scn() {
+    destroy();
+    Registry::remove(HandleClass::Scn, this);
+    m_lMagicNum = 0;
+}
+
+void Elf_Scn::destroy() { m_vData.clear(); }
+
+uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readable) {
+    Elf* elf = m_pElf;
+    const uint64_t off = sh.sh_offset;
+    const uint64_t size = sh.sh_size;
+
+    if (elf->m_kind == ELF_K_ELF && elf->onImage()) {
+        char* base = elf->m_pFile->m_pImage;
+        const uint64_t imageSize = elf->m_pFile->m_imageSize;
+        if (!base || off > imageSize || size > imageSize - off) {
+            SETERR(ERR_IMAGE_BASE);
+            return nullptr;
+        }
+        if (!elf->chargeSectionBytes(size)) return nullptr;
+        inImage = true;
+        readable = static_cast<size_t>(imageSize - off);
+        return reinterpret_cast<uint8_t*>(base + off);
+    }
+
+    if (elf->m_kind == ELF_K_AR && !elf->isMember()) {
+        SETERR(ERR_DESC_TYPE);
+        return nullptr;
+    }
+    // Sizes come from what the file holds, never from the header alone.
+    uint64_t limit = elf->contentLimit();
+    if (!elf->isMember() && (off > limit || size > limit - off)) {
+        const int64_t now = elf->m_pFile->currentSize();
+        limit = now < 0 ? 0 : static_cast<uint64_t>(now);
+    }
+    if (off > limit || size > limit - off || size >= SIZE_MAX) {
+        SETERR(ERR_READ);
+        return nullptr;
+    }
+    if (!elf->chargeSectionBytes(size)) return nullptr;
+    if (!seekSet(elf->fd(), elf->baseOffset() + static_cast<int64_t>(off), "Elf_Scn::initialize")) return nullptr;
+
+    // One byte more than the section, always NUL, so that no string found in
+    // it runs past the buffer.
+    auto* buf = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(size) + 1));
+    if (!buf) {
+        SETERR(ERR_NOMEM);
+        return nullptr;
+    }
+    if (!m_gc.pickUp(buf)) {
+        std::free(buf);
+        SETERR(ERR_GC);
+        return nullptr;
+    }
+    const ssize_t got = readFully(elf->fd(), buf, static_cast<size_t>(size));
+    if (got < 0 || static_cast<uint64_t>(got) != size) {
+        SETERR(ERR_READ);
+        return nullptr;
+    }
+    buf[size] = 0;
+    inImage = false;
+    readable = static_cast<size_t>(size) + 1;
+    return buf;
+}
+
+uint8_t* Elf_Scn::reshape(uint8_t* bytes, uint32_t srcSize, uint32_t dstSize, size_t& readable) {
+    const uint64_t records = m_pShdr->sh_size / srcSize;
+    const uint64_t newSize = records * dstSize;
+    if (!m_pElf->chargeSectionBytes(newSize)) return nullptr;
+    auto* out = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(newSize) + 1, 1));
+    if (!out) {
+        SETERR(ERR_NOMEM);
+        return nullptr;
+    }
+    if (!m_gc.pickUp(out)) {
+        std::free(out);
+        SETERR(ERR_GC);
+        return nullptr;
+    }
+    const uint32_t keep = srcSize < dstSize ? srcSize : dstSize;
+    for (uint64_t r = 0; r < records; ++r) std::memcpy(out + r * dstSize, bytes + r * srcSize, keep);
+    m_pShdr->sh_size = static_cast<Elf32_Word>(newSize);
+    m_pShdr->sh_entsize = dstSize;
+    readable = static_cast<size_t>(newSize) + 1;
+    return out;
+}
+
+int Elf_Scn::initialize() {
+    Elf32_Shdr* sh = m_pElf->get_shdr(m_index);
+    if (!sh) {
+        SETERR(ERR_GET_SHDR);
+        return -1;
+    }
+    m_pShdr = sh;
+    if (m_pElf->m_cmd == ELF_C_WRITE) return 0;
+    if (sh->sh_type == SHT_NULL || sh->sh_type == SHT_NOBITS) return 0;
+
+    bool inImage = false;
+    size_t readable = 0;
+    uint8_t* bytes = placeBytes(*sh, inImage, readable);
+    if (!bytes) return -1;
+
+    const uint32_t storedType = sh->sh_type;
+    const Elf32_Ehdr* ehdr = m_pElf->m_pEhdr;
+
+    // COFF debug sections of a foreign byte order: line-number relocations
+    // are converted with rescaled offsets, and line-number and symbol records
+    // (8 and 20 bytes in a big-endian file) are repacked to 6 and 18 bytes.
+    if (ehdr && m_index != ehdr->e_shstrndx && m_pElf->foreign()) {
+        const char* name = m_pElf->strptr(ehdr->e_shstrndx, sh->sh_name);
+        if (!name) {
+            if (pendingError() == ERR_NONE) SETERR(ERR_SCN_NAME_EMPTY, "Elf_Scn::initialize()");
+            return -1;
+        }
+        const bool little = ehdr->e_ident[EI_DATA] == ELFDATA2LSB;
+        uint32_t srcSize = 0, dstSize = 0, tempType = 0;
+        if (std::strncmp(name, ".rela.lnno.", 11) == 0) {
+            sh->sh_type = little ? SHT_COFF_LNRELA_6TO8 : SHT_COFF_LNRELA_8TO6;
+        } else if (sh->sh_type == SHT_COFF_STORED) {
+            if (std::strncmp(name, ".lnno.", 6) == 0) {
+                dstSize = 6;
+                srcSize = little ? 6 : 8;
+                tempType = SHT_COFF_LINENO;
+            } else if (std::strcmp(name, ".coff.SDB") == 0) {
+                dstSize = 18;
+                srcSize = little ? 18 : 20;
+                tempType = SHT_COFF_SYMENT;
+            }
+        }
+        if (tempType) {
+            bytes = reshape(bytes, srcSize, dstSize, readable);
+            if (!bytes) return -1;
+            inImage = false;
+            sh->sh_type = tempType;
+        }
+    }
+
+    auto data = std::make_unique<DataDesc>(this);
+    data->m_data.d_buf = bytes;
+    data->m_pPlaced = bytes;
+    data->m_readable = readable;
+    data->m_bInImage = inImage;
+    m_vData.reserve(1);
+    const int r = data->initialize();
+    sh->sh_type = storedType;
+    if (r < 0) return -1;
+    m_vData.push_back(std::move(data));
+    return 0;
+}
+
+DataDesc* Elf_Scn::get_data(const DataDesc* prev) const {
+    if (m_vData.empty()) {
+        SETERR(ERR_GETDATA_EMPTY);
+        return nullptr;
+    }
+    if (!prev) return m_vData.front().get();
+    for (size_t i = 0; i + 1 < m_vData.size(); ++i)
+        if (m_vData[i].get() == prev) return m_vData[i + 1].get();
+    SETERR(ERR_NO_DATA_AT_OFFSET);
+    return nullptr;
+}
+
+DataDesc* Elf_Scn::new_data() {
+    if (m_pElf->m_kind == ELF_K_AR || m_pElf->onImage()) {
+        SETERR(ERR_WRITE_ARCHIVE);
+        return nullptr;
+    }
+    auto data = std::make_unique<DataDesc>(this);
+    if (data->initialize() < 0) return nullptr;
+    data->m_data.d_type = ELF_T_BYTE;
+    data->m_data.d_align = 1;
+    data->m_data.d_version = EV_CURRENT;
+    m_vData.push_back(std::move(data));
+    m_bDirty = TRUEVAL;
+    return m_vData.back().get();
+}

@@ -1,0 +1,139 @@
+#include "FileDesc.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ElfDesc.h"
+#include "ErrHndr.h"
+
+using namespace tamo;
+
+FileDesc::FileDesc(int fd, Elf_Cmd cmd) : m_iFd(fd), m_cmd(cmd), m_encoding(static_cast<uint8_t>(getDefaultEncoding())) {}
+
+FileDesc::FileDesc(char* image, size_t size)
+    : m_iFd(-1),
+      m_bImage(TRUEVAL),
+      m_pImage(image),
+      m_imageSize(size),
+      m_cmd(ELF_C_READ),
+      m_encoding(static_cast<uint8_t>(getDefaultEncoding())) {}
+
+unsigned FileDesc::getDefaultEncoding() { return Elf::DEFAULT_ENCODING; }
+
+int64_t FileDesc::currentSize() {
+    struct stat st;
+    if (m_iFd >= 0 && ::fstat(m_iFd, &st) == 0) m_lFileSize = st.st_size;
+    return m_lFileSize;
+}
+
+int FileDesc::initialize() {
+    if (m_cmd == ELF_C_WRITE) {
+        m_kind = ELF_K_ELF;
+        m_lFileSize = 0;
+        return ELF_K_ELF;
+    }
+    if (m_iFd == -1 && !isImage()) {
+        SETERR(ERR_FD_INVALID);
+        return 0;
+    }
+    if (isImage() && (!m_pImage || m_imageSize == 0)) {
+        SETERR(ERR_MAP_IMAGE);
+        return 0;
+    }
+
+    unsigned char head[9] = {};
+    uint64_t length;
+    if (isImage()) {
+        std::memcpy(head, m_pImage, m_imageSize < sizeof head ? m_imageSize : sizeof head);
+        length = m_imageSize;
+    } else {
+        struct stat st;
+        if (::fstat(m_iFd, &st) != 0) {
+            SETERR(ERR_FSTAT);
+            return 0;
+        }
+        m_lFileSize = st.st_size;
+        if (readFully(m_iFd, head, sizeof head) <= 0) {
+            SETERR(ERR_READ);
+            return 0;
+        }
+        length = st.st_size < 0 ? 0 : static_cast<uint64_t>(st.st_size);
+    }
+
+    if (length >= 16 && head[0] == 0x7f && head[1] == 'E' && head[2] == 'L' && head[3] == 'F') {
+        m_kind = ELF_K_ELF;
+        return ELF_K_ELF;
+    }
+    if (length >= 8) {
+        if (std::memcmp(head, "!<sola>\n", 8) == 0) {
+            m_encoding = ELFDATA2MSB;
+            m_kind = ELF_K_AR;
+            return ELF_K_AR;
+        }
+        if (std::memcmp(head, "!<elfa>\n", 8) == 0) {
+            m_encoding = ELFDATA2LSB;
+            m_kind = ELF_K_AR;
+            return ELF_K_AR;
+        }
+    }
+    SETERR(ERR_KIND);
+    return 0;
+}
+
+namespace tamo {
+
+bool seekSet(int fd, int64_t off, const char* context) {
+    if (off < 0 || static_cast<int64_t>(static_cast<off_t>(off)) != off) {
+        report_lseek_err(EINVAL, context);
+        return false;
+    }
+    if (::lseek(fd, static_cast<off_t>(off), SEEK_SET) == static_cast<off_t>(-1)) {
+        report_lseek_err(errno, context);
+        return false;
+    }
+    return true;
+}
+
+int64_t tellPos(int fd, const char* context) {
+    off_t pos = ::lseek(fd, 0, SEEK_CUR);
+    if (pos == static_cast<off_t>(-1)) {
+        report_lseek_err(errno, context);
+        return -1;
+    }
+    return pos;
+}
+
+ssize_t readFully(int fd, void* buf, size_t n) {
+    auto* p = static_cast<char*>(buf);
+    size_t done = 0;
+    while (done < n) {
+        ssize_t r = ::read(fd, p + done, n - done);
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (r == 0) break;
+        done += static_cast<size_t>(r);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+ssize_t preadFully(int fd, void* buf, size_t n, int64_t off) {
+    auto* p = static_cast<char*>(buf);
+    size_t done = 0;
+    while (done < n) {
+        ssize_t r = ::pread(fd, p + done, n - done, static_cast<off_t>(off + static_cast<int64_t>(done)));
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (r == 0) break;
+        done += static_cast<size_t>(r);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+}  // namespace tamo
