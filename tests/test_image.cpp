@@ -1,0 +1,316 @@
+// Memory images come back intact when their descriptor ends, and malformed
+// or truncated inputs are refused with a code, without reading or writing
+// outside what was given.
+#include <algorithm>
+#include <random>
+
+#include "ReadSupport.h"
+
+using namespace testkit;
+
+namespace {
+
+// After tamo_elf_end every byte equals the original, except EI_DATA, which
+// the library rewrites from e_version.
+void expectRestored(const Bytes& before, const Bytes& after) {
+    ASSERT_EQ(before.size(), after.size());
+    for (size_t i = 0; i < before.size(); ++i) {
+        if (i == EI_DATA) continue;
+        if (before[i] != after[i]) {
+            ADD_FAILURE() << "image byte " << i << " was " << int(before[i]) << ", is " << int(after[i]);
+            return;
+        }
+    }
+}
+
+class Restore : public ::testing::TestWithParam<Order> {};
+
+TEST_P(Restore, AnyReadingOrder) {
+    for (unsigned seed = 0; seed < 6; ++seed) {
+        Sample s(GetParam());
+        Bytes file = s.build();
+        ImageBuffer image(file);
+        Elf* elf = tamo_elf_memory(image.data(), image.size());
+        ASSERT_NE(elf, nullptr);
+        std::vector<size_t> order;
+        for (size_t i = 0; i <= s.names(); ++i) order.push_back(i);
+        std::mt19937 rng(seed);
+        std::shuffle(order.begin(), order.end(), rng);
+        order.resize(1 + seed * 3 % order.size());  // some sections only
+        for (size_t i : order) EXPECT_NE(tamo_elf_getscn(elf, i), nullptr);
+        EXPECT_EQ(tamo_elf_end(elf), 0);
+        expectRestored(file, image.bytes());
+    }
+}
+
+TEST_P(Restore, EverythingReadAtOnce) {
+    Sample s(GetParam());
+    Bytes file = s.build();
+    ImageBuffer image(file);
+    Elf* elf = tamo_elf_memory(image.data(), image.size());
+    ASSERT_NE(elf, nullptr);
+    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+    tamo_elf_end(elf);
+    expectRestored(file, image.bytes());
+}
+
+int refuseHash(Elf32_Shdr*, const char* name) { return std::string(name) == ".hash" ? 0 : 1; }
+int keepSymtab(Elf32_Shdr*, const char* name) { return std::string(name) == ".symtab" ? 4 : 1; }
+
+TEST_P(Restore, InvalidControllerAnswer) {
+    Sample s(GetParam());
+    Bytes file = s.build();
+    ImageBuffer image(file);
+    Elf* elf = tamo_elf_memory(image.data(), image.size());
+    tamo_elf_setreadswapcontroller(elf, refuseHash);
+    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+    // The caller switches the section's behaviour afterwards; it was never
+    // converted, so it must not be converted back.
+    tamo_elf_setswapbehavior(tamo_elf_getscn(elf, s.hash), 2);
+    tamo_elf_end(elf);
+    expectRestored(file, image.bytes());
+}
+
+TEST_P(Restore, CallerChangedBehavioursAndRecords) {
+    Sample s(GetParam());
+    Bytes file = s.build();
+    ImageBuffer image(file);
+    Elf* elf = tamo_elf_memory(image.data(), image.size());
+    tamo_elf_setreadswapcontroller(elf, keepSymtab);
+    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+    for (size_t i = 1; i <= s.names(); ++i) tamo_elf_setswapbehavior(tamo_elf_getscn(elf, i), 1 + i % 4);
+    // Fiddling with the public records changes nothing about what comes back.
+    Elf_Data* d = tamo_elf_getdata(tamo_elf_getscn(elf, s.rela), nullptr);
+    d->d_type = ELF_T_SHDR;
+    d->d_size = 3;
+    tamo_elf32_getehdr(elf)->e_ident[EI_DATA] = 3;
+    tamo_elf_end(elf);
+    expectRestored(file, image.bytes());
+}
+
+TEST_P(Restore, OverlappingSections) {
+    ObjectBuilder b(GetParam());
+    const Fields w = words({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+    size_t hash = b.add({.name = ".hash", .type = SHT_HASH, .align = 4, .content = w});
+    b.build();
+    const uint32_t at = b.offsetOf(hash);
+    // A symbol table, a relocation table and the header over the same bytes.
+    b.add({.name = ".symtab", .type = SHT_SYMTAB, .forceOffset = at + 2, .forceSize = 20});
+    b.add({.name = ".rela", .type = SHT_RELA, .forceOffset = at + 4, .forceSize = 24});
+    b.add({.name = ".hdr", .type = SHT_DYNAMIC, .forceOffset = 0, .forceSize = 48});
+    Bytes file = b.build();
+    for (int pass = 0; pass < 2; ++pass) {
+        ImageBuffer image(file);
+        Elf* elf = tamo_elf_memory(image.data(), image.size());
+        ASSERT_NE(elf, nullptr);
+        if (pass == 0) {
+            EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+        } else {
+            for (size_t i : {4, 2, 3, 1}) EXPECT_NE(tamo_elf_getscn(elf, i), nullptr) << i;
+        }
+        tamo_elf_end(elf);
+        expectRestored(file, image.bytes());
+    }
+}
+
+TEST_P(Restore, LineNumberRelocationsThatDoNotDivide) {
+    ObjectBuilder b(GetParam());
+    b.add({.name = ".rela.lnno.text", .type = SHT_RELA, .content = words({17, 1, 2, 23, 3, 4})});
+    b.add({.name = ".lnno.text", .type = 15, .content = raw(Bytes{0, 0, 0, 1, 0, 2, 0, 0, 0, 0, 0, 3, 0, 4, 5})});
+    b.add({.name = ".coff.SDB", .type = 15, .content = raw(Bytes(41, 7))});
+    Bytes file = b.build();
+    ImageBuffer image(file);
+    Elf* elf = tamo_elf_memory(image.data(), image.size());
+    ASSERT_NE(elf, nullptr);
+    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+    tamo_elf_end(elf);
+    expectRestored(file, image.bytes());
+}
+
+TEST_P(Restore, SectionsMadeWhileAnotherIsConverted) {
+    // Converting .debug_info reads .debug_abbrev through the interface,
+    // which makes (and converts) every section before it in the image.
+    ObjectBuilder b(GetParam());
+    size_t info = b.add({.name = ".debug_info", .type = SHT_PROGBITS,
+                         .content = Fields{{4, 12}, {2, 2}, {4, 0}, {1, 4}, {1, 1}, {1, 0}, {4, 0x11223344}}});
+    b.add({.name = ".hash", .type = SHT_HASH, .align = 4, .content = words({1, 2, 3})});
+    b.add({.name = ".debug_line", .type = SHT_PROGBITS, .content = words({9, 8, 7})});
+    b.add({.name = ".debug_abbrev", .type = SHT_PROGBITS, .content = raw(Bytes{1, 0x11, 0, 0x10, 6, 0, 0, 0})});
+    b.add({.name = ".symtab", .type = SHT_SYMTAB, .align = 4, .content = words({1, 2, 3, 4, 5})});
+    Bytes file = b.build();
+    ImageBuffer image(file);
+    Elf* elf = tamo_elf_memory(image.data(), image.size());
+    ASSERT_NE(elf, nullptr);
+    EXPECT_NE(tamo_elf_getscn(elf, info), nullptr);
+    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+    tamo_elf_end(elf);
+    expectRestored(file, image.bytes());
+}
+
+TEST_P(Restore, FailedOpeningLeavesTheImage) {
+    Sample s(GetParam());
+    s.builder.shoffOverride = 0x7ffffff0;  // table far beyond the image
+    Bytes file = s.build();
+    ImageBuffer image(file);
+    tamo_elf_errno();
+    EXPECT_EQ(tamo_elf_memory(image.data(), image.size()), nullptr);
+    EXPECT_EQ(tamo_elf_errno(), 7);
+    expectRestored(file, image.bytes());
+}
+
+INSTANTIATE_TEST_SUITE_P(Image, Restore, ::testing::Values(Order::Little, Order::Big),
+                         [](const auto& info) { return std::string(name(info.param)); });
+
+// -------------------------------------------------------------------------
+
+TEST(Malformed, ImageBounds) {
+    for (Order order : {Order::Little, Order::Big}) {
+        Sample s(order);
+        Bytes file = s.build();
+        // Shorter than a header.
+        Bytes header = file;
+        header.resize(40);
+        ImageBuffer shortImage(header);
+        EXPECT_EQ(tamo_elf_memory(shortImage.data(), shortImage.size()), nullptr);
+        EXPECT_EQ(tamo_elf_errno(), 6);
+        EXPECT_EQ(shortImage.bytes(), header);
+        // Cut inside the section header table.
+        Bytes cut = file;
+        cut.resize(file.size() - 10);
+        ImageBuffer cutImage(cut);
+        EXPECT_EQ(tamo_elf_memory(cutImage.data(), cutImage.size()), nullptr);
+        EXPECT_EQ(tamo_elf_errno(), 7);
+        expectRestored(cut, cutImage.bytes());
+    }
+}
+
+TEST(Malformed, SectionOutsideItsInput) {
+    for (Order order : {Order::Little, Order::Big}) {
+        for (Access a : {Access::File, Access::Image}) {
+            ObjectBuilder b(order);
+            size_t past = b.add({.name = ".hash", .type = SHT_HASH, .forceOffset = 60, .forceSize = 0x7fffff00});
+            size_t wrap = b.add({.name = ".rel", .type = SHT_REL, .forceOffset = 0xfffffff0, .forceSize = 0x20});
+            size_t ok = b.add({.name = ".dyn", .type = SHT_DYNAMIC, .content = words({1, 2})});
+            Bytes file = b.build();
+            Opened o(file, a);
+            ASSERT_NE(o.elf(), nullptr);
+            const int code = a == Access::File ? 8 : 7;
+            tamo_elf_errno();
+            EXPECT_EQ(o.scn(past), nullptr);
+            EXPECT_EQ(tamo_elf_errno(), code);
+            EXPECT_EQ(o.scn(wrap), nullptr);
+            EXPECT_EQ(tamo_elf_errno(), code);
+            EXPECT_EQ(o.bytes(ok), encode(words({1, 2}), kHost));
+            EXPECT_EQ(tamo_elf_cntl(o.elf(), ELF_C_FDREAD), -1);
+        }
+    }
+}
+
+TEST(Malformed, TruncatedFilesReadAsZeros) {
+    initLibrary();
+    // A header cut short: what was not read is zero, so no sections.
+    Sample s(Order::Big);
+    Bytes file = s.build();
+    Bytes head(file.begin(), file.begin() + 30);
+    {
+        MemFile f(head);
+        Elf* elf = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+        ASSERT_NE(elf, nullptr);
+        Elf32_Ehdr* h = tamo_elf32_getehdr(elf);
+        EXPECT_EQ(h->e_shnum, 0);
+        EXPECT_EQ(h->e_shstrndx, 0);
+        tamo_elf_end(elf);
+    }
+    // A section header table past the end of the file: zero records.
+    s.builder.shoffOverride = static_cast<int64_t>(file.size()) + 1000;
+    Bytes noTable = s.build();
+    {
+        MemFile f(noTable);
+        Elf* elf = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+        ASSERT_NE(elf, nullptr);
+        Elf_Scn* scn = tamo_elf_getscn(elf, 3);
+        ASSERT_NE(scn, nullptr);
+        EXPECT_EQ(tamo_elf32_getshdr(scn)->sh_type, 0u);
+        EXPECT_EQ(tamo_elf_getdata(scn, nullptr), nullptr);
+        EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+        tamo_elf_end(elf);
+    }
+}
+
+TEST(Malformed, ZeroSectionHeaderSize) {
+    Sample s(Order::Little);
+    s.builder.shentsize = 0;
+    Bytes file = s.build();
+    Opened o(file, Access::File);
+    ASSERT_NE(o.elf(), nullptr);
+    EXPECT_EQ(tamo_elf32_getshdr(o.scn(2))->sh_type, 0u);
+}
+
+TEST(Malformed, NamesAndTypes) {
+    for (Access a : {Access::File, Access::Image}) {
+        ObjectBuilder b(Order::Big);
+        size_t bad = b.add({.name = ".x", .type = 21, .content = raw(Bytes{1, 2, 3, 4})});
+        size_t ok = b.add({.name = ".y", .type = SHT_HASH, .content = words({5})});
+        Bytes file = b.build();
+        Opened o(file, a);
+        ASSERT_NE(o.elf(), nullptr);
+        tamo_elf_errno();
+        EXPECT_EQ(o.scn(bad), nullptr);
+        EXPECT_EQ(tamo_elf_errno(), 28);
+        EXPECT_EQ(o.bytes(ok), encode(words({5}), kHost));
+        // A name offset past the name table: a foreign file's sections need
+        // their names, so the section cannot be had.
+        ObjectBuilder c(Order::Big);
+        size_t lost = c.add({.name = ".z", .type = SHT_HASH, .content = words({6})});
+        Bytes other = c.build();
+        patchShdr(other, Order::Big, lost, kName, 0x7f000000);
+        Opened p(other, a);
+        ASSERT_NE(p.elf(), nullptr);
+        EXPECT_EQ(p.scn(lost), nullptr);
+        EXPECT_EQ(tamo_elf_errno(), 68);
+    }
+}
+
+TEST(Malformed, StringsEndInsideTheLibrarysMemory) {
+    // A string table whose last string has no NUL.
+    ObjectBuilder b(Order::Little);
+    size_t strs = b.add({.name = ".strtab", .type = SHT_STRTAB, .content = raw(std::string("\0abc\0tail", 9))});
+    Bytes file = b.build();
+    Opened viaFile(file, Access::File);
+    EXPECT_STREQ(tamo_elf_strptr(viaFile.elf(), strs, 5), "tail") << "the buffer carries a NUL past its end";
+    EXPECT_STREQ(tamo_elf_strptr(viaFile.elf(), strs, 9), "");
+
+    // In an image that ends with that string, the lookup is refused rather
+    // than handing out a string that runs past the image.
+    Bytes image = file;
+    const uint32_t at = static_cast<uint32_t>(image.size());
+    for (char c : std::string("\0abc\0tail", 9)) image.push_back(static_cast<uint8_t>(c));
+    patchShdr(image, Order::Little, strs, kOffset, at);
+    Opened viaImage(image, Access::Image);
+    ASSERT_NE(viaImage.elf(), nullptr);
+    EXPECT_STREQ(tamo_elf_strptr(viaImage.elf(), strs, 1), "abc");
+    tamo_elf_errno();
+    EXPECT_EQ(tamo_elf_strptr(viaImage.elf(), strs, 5), nullptr);
+    EXPECT_EQ(tamo_elf_errno(), 37);
+    EXPECT_EQ(tamo_elf_strptr(viaImage.elf(), strs, 9), nullptr);
+}
+
+TEST(Malformed, OverlappingSectionsAreBounded) {
+    // Thousands of headers that all name the whole file: the bytes the
+    // library places are bounded by a multiple of the input's size.
+    initLibrary();
+    ObjectBuilder b(Order::Big);
+    b.add({.name = ".big", .type = SHT_HASH, .align = 4, .content = Fields(16384, Field{4, 0x01020304})});
+    b.build();
+    for (int i = 0; i < 200; ++i) b.add({.name = ".o", .type = SHT_HASH, .forceOffset = 64, .forceSize = 65536});
+    Bytes file = b.build();
+    for (Access a : {Access::File, Access::Image}) {
+        Opened o(file, a);
+        ASSERT_NE(o.elf(), nullptr);
+        tamo_elf_errno();
+        EXPECT_EQ(tamo_elf_cntl(o.elf(), ELF_C_FDREAD), -1);
+        EXPECT_EQ(tamo_elf_errno(), 4);
+    }
+}
+
+}  // namespace
