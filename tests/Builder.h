@@ -212,6 +212,7 @@ public:
         std::string rawName;  // when set, the whole name field as written
         int32_t date = 0, uid = 0, gid = 0, mode = 644;
         std::string sizeText;  // when set, replaces the size field's text
+        std::string dateText;  // when set, replaces the date field's text
     };
     struct Symbol {
         std::string name;
@@ -220,6 +221,7 @@ public:
 
     bool withSymbolTable = true;
     bool oddSymbolTable = false;  // add one byte to the table's size
+    std::string symbolTableField = nameField("");
 
     void addMember(Member m) { m_members.push_back(std::move(m)); }
     void addSymbol(std::string name, size_t member) { m_symbols.push_back({std::move(name), member}); }
@@ -235,20 +237,19 @@ public:
         return f;
     }
 
-    static std::string header(const std::string& field, int32_t date, int32_t uid, int32_t gid, int32_t mode,
-                              const std::string& size) {
+    static std::string header(const std::string& field, const std::string& date, int32_t uid, int32_t gid,
+                              int32_t mode, const std::string& size) {
         auto pad = [](std::string s, size_t w) {
             s.resize(w, ' ');
             return s;
         };
-        return field + pad(std::to_string(date), 12) + pad(std::to_string(uid), 6) + pad(std::to_string(gid), 6) +
+        return field + pad(date, 12) + pad(std::to_string(uid), 6) + pad(std::to_string(gid), 6) +
                pad(std::to_string(mode), 8) + pad(size, 10) + "`\n";
     }
 
     Bytes build() {
-        Bytes out;
-        const char* magic = m_order == Order::Big ? "!<sola>\n" : "!<elfa>\n";
-        out.insert(out.end(), magic, magic + 8);
+        const std::string magic = m_order == Order::Big ? "!<sola>\n" : "!<elfa>\n";
+        Bytes out(magic.begin(), magic.end());
 
         // The table's size depends only on its names; member offsets follow.
         Bytes names;
@@ -258,14 +259,14 @@ public:
         }
         const size_t tableSize = 4 + 4 * m_symbols.size() + names.size() + (oddSymbolTable ? 1 : 0);
         size_t pos = 8;
-        if (withSymbolTable) pos += nameField("").size() + 44 + tableSize;
+        if (withSymbolTable) pos += symbolTableField.size() + 44 + tableSize;
         m_headerOffsets.clear();
         m_dataOffsets.clear();
         std::vector<std::string> headers;
         for (const Member& m : m_members) {
             std::string field = m.rawName.empty() ? nameField(m.name) : m.rawName;
-            std::string h = header(field, m.date, m.uid, m.gid, m.mode,
-                                   m.sizeText.empty() ? std::to_string(m.data.size()) : m.sizeText);
+            std::string h = header(field, m.dateText.empty() ? std::to_string(m.date) : m.dateText, m.uid, m.gid,
+                                   m.mode, m.sizeText.empty() ? std::to_string(m.data.size()) : m.sizeText);
             m_headerOffsets.push_back(static_cast<uint32_t>(pos));
             m_dataOffsets.push_back(static_cast<uint32_t>(pos + h.size()));
             headers.push_back(h);
@@ -273,7 +274,7 @@ public:
         }
 
         if (withSymbolTable) {
-            std::string h = header(nameField(""), 0, 0, 0, 0, std::to_string(tableSize));
+            std::string h = header(symbolTableField, "0", 0, 0, 0, std::to_string(tableSize));
             out.insert(out.end(), h.begin(), h.end());
             put(out, m_symbols.size(), 4, m_order);
             for (const Symbol& s : m_symbols) put(out, m_headerOffsets.at(s.member), 4, m_order);
