@@ -41,7 +41,7 @@ private:
 // An open descriptor on bytes, through either path.
 class Opened {
 public:
-    Opened(const Bytes& bytes, Access a) : m_access(a) {
+    Opened(const Bytes& bytes, Access a) {
         initLibrary();
         if (a == Access::File) {
             m_file = std::make_unique<MemFile>(bytes);
@@ -79,7 +79,6 @@ public:
     }
 
 private:
-    Access m_access;
     std::unique_ptr<MemFile> m_file;
     std::unique_ptr<ImageBuffer> m_image;
     Elf* m_elf = nullptr;
