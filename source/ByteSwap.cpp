@@ -9,6 +9,10 @@
 #include <cstring>
 #include <initializer_list>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 #include "Endian.h"
 #include "ErrHndr.h"
 #include "Globe.h"
@@ -29,7 +33,7 @@ void swapWordsDistinct(const uint8_t* __restrict src, uint8_t* __restrict dst, s
 void swapWordsInPlace(uint8_t* p, size_t n) {
     for (size_t i = 0; i < n; ++i) storeRaw(p + 4 * i, bswap32(loadRaw<uint32_t>(p + 4 * i)));
 }
-void swapWords(const uint8_t* src, uint8_t* dst, size_t n) {
+void swapWordsScalar(const uint8_t* src, uint8_t* dst, size_t n) {
     if (src == dst)
         swapWordsInPlace(dst, n);
     else
@@ -52,30 +56,112 @@ inline uint32_t swapSymWord3(uint32_t w) {
     else
         return (w & 0xffff0000u) | bswap16(static_cast<uint16_t>(w));
 }
-void swapSymsDistinct(const uint8_t* __restrict src, uint8_t* __restrict dst, size_t n) {
-    for (size_t i = 0; i < n; ++i, src += 20, dst += 20) {
-        uint32_t w[5];
-        std::memcpy(w, src, 20);
-        w[0] = bswap32(w[0]);
-        w[1] = bswap32(w[1]);
-        w[2] = bswap32(w[2]);
-        w[3] = swapSymWord3(w[3]);
-        w[4] = bswap32(w[4]);
-        std::memcpy(dst, w, 20);
-    }
+inline void swapSym(const uint8_t* src, uint8_t* dst) {
+    uint32_t w[5];
+    std::memcpy(w, src, 20);
+    w[0] = bswap32(w[0]);
+    w[1] = bswap32(w[1]);
+    w[2] = bswap32(w[2]);
+    w[3] = swapSymWord3(w[3]);
+    w[4] = bswap32(w[4]);
+    std::memcpy(dst, w, 20);
 }
-void swapSymsInPlace(uint8_t* p, size_t n) {
-    for (size_t i = 0; i < n; ++i, p += 20) {
-        uint32_t w[5];
-        std::memcpy(w, p, 20);
-        w[0] = bswap32(w[0]);
-        w[1] = bswap32(w[1]);
-        w[2] = bswap32(w[2]);
-        w[3] = swapSymWord3(w[3]);
-        w[4] = bswap32(w[4]);
-        std::memcpy(p, w, 20);
-    }
+void swapSymsScalar(const uint8_t* src, uint8_t* dst, size_t n) {
+    for (size_t i = 0; i < n; ++i) swapSym(src + 20 * i, dst + 20 * i);
 }
+
+#if defined(__x86_64__) || defined(__i386__)
+// Vector kernels, chosen once at run time by what the processor offers.
+// Every load of a step happens before its stores, so src == dst works.
+
+__attribute__((target("avx2"))) size_t swapWordsAvx2(const uint8_t* src, uint8_t* dst, size_t n) {
+    const __m256i mask = _mm256_setr_epi8(3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12,  //
+                                          3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12);
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 4 * i));
+        const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 4 * i + 32));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 4 * i), _mm256_shuffle_epi8(a, mask));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 4 * i + 32), _mm256_shuffle_epi8(b, mask));
+    }
+    return i;
+}
+
+__attribute__((target("ssse3"))) size_t swapWordsSsse3(const uint8_t* src, uint8_t* dst, size_t n) {
+    const __m128i mask = _mm_setr_epi8(3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12);
+    size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 4 * i));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 4 * i), _mm_shuffle_epi8(a, mask));
+    }
+    return i;
+}
+
+// Four symbols are 80 bytes, five 16-byte chunks; no field crosses a chunk,
+// so each chunk is one byte shuffle with its own mask.
+struct SymMasks {
+    alignas(16) int8_t m[5][16];
+    SymMasks() {
+        for (int p = 0; p < 80; ++p) {
+            const int q = p % 20;
+            int from;
+            if (q == 12 || q == 13)
+                from = q;
+            else if (q == 14 || q == 15)
+                from = 29 - q;
+            else
+                from = (q & ~3) + 3 - (q & 3);
+            m[p / 16][p % 16] = static_cast<int8_t>(p / 20 * 20 + from - p / 16 * 16);
+        }
+    }
+};
+
+__attribute__((target("ssse3"))) size_t swapSymsSsse3(const uint8_t* src, uint8_t* dst, size_t n) {
+    static const SymMasks masks;
+    __m128i mk[5];
+    for (int c = 0; c < 5; ++c) mk[c] = _mm_load_si128(reinterpret_cast<const __m128i*>(masks.m[c]));
+    size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const uint8_t* s = src + 20 * i;
+        uint8_t* d = dst + 20 * i;
+        __m128i v[5];
+        for (int c = 0; c < 5; ++c) v[c] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * c));
+        for (int c = 0; c < 5; ++c)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * c), _mm_shuffle_epi8(v[c], mk[c]));
+    }
+    return i;
+}
+
+struct Cpu {
+    bool avx2, ssse3;
+    Cpu() {
+        __builtin_cpu_init();
+        avx2 = __builtin_cpu_supports("avx2");
+        ssse3 = __builtin_cpu_supports("ssse3");
+    }
+};
+Cpu& cpu() {
+    static Cpu c;
+    return c;
+}
+
+void swapWords(const uint8_t* src, uint8_t* dst, size_t n) {
+    size_t done = 0;
+    if (cpu().avx2)
+        done = swapWordsAvx2(src, dst, n);
+    else if (cpu().ssse3)
+        done = swapWordsSsse3(src, dst, n);
+    swapWordsScalar(src + 4 * done, dst + 4 * done, n - done);
+}
+
+void swapSyms(const uint8_t* src, uint8_t* dst, size_t n) {
+    const size_t done = cpu().ssse3 ? swapSymsSsse3(src, dst, n) : 0;
+    swapSymsScalar(src + 20 * done, dst + 20 * done, n - done);
+}
+#else
+void swapWords(const uint8_t* src, uint8_t* dst, size_t n) { swapWordsScalar(src, dst, n); }
+void swapSyms(const uint8_t* src, uint8_t* dst, size_t n) { swapSymsScalar(src, dst, n); }
+#endif
 
 void swapEhdr(const uint8_t* src, uint8_t* dst) {
     if (src != dst) std::memmove(dst, src, EI_NIDENT);
@@ -166,10 +252,7 @@ long convert(uint8_t* src, uint8_t* dst, Elf_Type type, size_t count, CoffLink& 
             swapHalvesDistinct(src, dst, count);
         break;
     case ELF_T_SYM:
-        if (src == dst)
-            swapSymsInPlace(dst, count);
-        else
-            swapSymsDistinct(src, dst, count);
+        swapSyms(src, dst, count);
         break;
     case ELF_T_EHDR:
         for (size_t i = 0; i < count; ++i) swapEhdr(src + i * unit, dst + i * unit);
@@ -194,6 +277,18 @@ long convert(uint8_t* src, uint8_t* dst, Elf_Type type, size_t count, CoffLink& 
 }
 
 }  // namespace
+
+int limitVectorKernels(int level) {
+#if defined(__x86_64__) || defined(__i386__)
+    static const Cpu detected;
+    cpu().avx2 = detected.avx2 && level >= 2;
+    cpu().ssse3 = detected.ssse3 && level >= 1;
+    return cpu().avx2 ? 2 : cpu().ssse3 ? 1 : 0;
+#else
+    (void)level;
+    return 0;
+#endif
+}
 
 AuxFields auxEntryFields(uint8_t c, uint16_t t, bool firstWordZero) {
     AuxFields a;

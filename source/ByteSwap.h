@@ -34,6 +34,11 @@ struct AuxFields {
 };
 AuxFields auxEntryFields(uint8_t sclass, uint16_t type, bool firstWordZero);
 
+// Block conversion uses the widest vector kernels the processor offers.
+// Tests limit them (0 scalar, 1 SSSE3, 2 AVX2) to cover every path; returns
+// the level in effect.
+int limitVectorKernels(int level);
+
 class ByteSwap {
 public:
     // Reverses n bytes from src into dst (or in place when they are equal).

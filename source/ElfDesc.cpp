@@ -164,7 +164,7 @@ int Elf::init_ElfHdr() {
 
     if (encoding != DEFAULT_ENCODING) {
         const bool inImage = onImage() && !m_ownedEhdr;
-        if (inImage) m_undo.reserve(1);
+        if (inImage && !reserveImageUndo()) return -1;
         swap(reinterpret_cast<char*>(m_pEhdr), reinterpret_cast<char*>(m_pEhdr), ELF_T_EHDR);
         if (inImage)
             recordImageConversion(reinterpret_cast<uint8_t*>(m_pEhdr), sizeof(Elf32_Ehdr), ELF_T_EHDR, 1, nullptr);
@@ -309,7 +309,7 @@ void Elf::recordImageConversion(uint8_t* p, size_t len, Elf_Type type, size_t co
 
 bool Elf::reserveImageUndo() {
     try {
-        m_undo.reserve(m_undo.size() + 1);
+        if (m_undo.size() == m_undo.capacity()) m_undo.reserve(m_undo.empty() ? 16 : 2 * m_undo.capacity());
     } catch (const std::bad_alloc&) {
         SETERR(ERR_NOMEM);
         return false;

@@ -59,16 +59,8 @@ uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readab
 
     // One byte more than the section, always NUL, so that no string found in
     // it runs past the buffer.
-    auto* buf = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(size) + 1));
-    if (!buf) {
-        SETERR(ERR_NOMEM);
-        return nullptr;
-    }
-    if (!m_gc.pickUp(buf)) {
-        std::free(buf);
-        SETERR(ERR_GC);
-        return nullptr;
-    }
+    auto* buf = static_cast<uint8_t*>(m_gc.allocate(static_cast<size_t>(size) + 1));
+    if (!buf) return nullptr;
     const ssize_t got = readFully(elf->fd(), buf, static_cast<size_t>(size));
     if (got < 0 || static_cast<uint64_t>(got) != size) {
         SETERR(ERR_READ);
@@ -84,16 +76,9 @@ uint8_t* Elf_Scn::reshape(uint8_t* bytes, uint32_t srcSize, uint32_t dstSize, si
     const uint64_t records = m_pShdr->sh_size / srcSize;
     const uint64_t newSize = records * dstSize;
     if (!m_pElf->chargeSectionBytes(newSize)) return nullptr;
-    auto* out = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(newSize) + 1, 1));
-    if (!out) {
-        SETERR(ERR_NOMEM);
-        return nullptr;
-    }
-    if (!m_gc.pickUp(out)) {
-        std::free(out);
-        SETERR(ERR_GC);
-        return nullptr;
-    }
+    auto* out = static_cast<uint8_t*>(m_gc.allocate(static_cast<size_t>(newSize) + 1));
+    if (!out) return nullptr;
+    std::memset(out, 0, static_cast<size_t>(newSize) + 1);
     const uint32_t keep = srcSize < dstSize ? srcSize : dstSize;
     for (uint64_t r = 0; r < records; ++r) std::memcpy(out + r * dstSize, bytes + r * srcSize, keep);
     m_pShdr->sh_size = static_cast<Elf32_Word>(newSize);

@@ -100,6 +100,32 @@ INSTANTIATE_TEST_SUITE_P(Types, EveryPlainType,
                                            ELF_T_PHDR, ELF_T_RELA, ELF_T_REL, ELF_T_SHDR, ELF_T_SYM, ELF_T_WORD,
                                            ELF_T_SIXWORD, ELF_T_LINENO, ELF_T_THREEWORD));
 
+// Every kernel level, every length up to a few vector steps, odd buffer
+// offsets: the same bytes as the field-by-field reference.
+TEST(ByteSwap, VectorKernelsAgreeWithTheReference) {
+    for (int level = 2; level >= 0; --level) {
+        const int got = tamo::limitVectorKernels(level);
+        for (Elf_Type t : {ELF_T_WORD, ELF_T_SYM, ELF_T_RELA, ELF_T_SHDR}) {
+            const size_t unit = tamo_elf32_fsize(t, 1, 1);
+            for (size_t count = 0; count < 40; ++count) {
+                for (size_t misalign : {0, 1, 3}) {
+                    const Bytes in = randomBytes(unit * count + misalign, static_cast<unsigned>(count * 7 + misalign));
+                    const Bytes body(in.begin() + static_cast<long>(misalign), in.end());
+                    const Bytes expected = reverseFields(body, layout(t));
+                    Bytes src = in, dst(in.size(), 0);
+                    ByteSwap::swapBlock(C(src) + misalign, C(dst) + misalign, t, count, false);
+                    ASSERT_EQ(Bytes(dst.begin() + static_cast<long>(misalign), dst.end()), expected)
+                        << "level " << got << " type " << t << " count " << count;
+                    ByteSwap::swapBlock(C(src) + misalign, C(src) + misalign, t, count, false);
+                    ASSERT_EQ(Bytes(src.begin() + static_cast<long>(misalign), src.end()), expected)
+                        << "in place, level " << got << " type " << t << " count " << count;
+                }
+            }
+        }
+    }
+    tamo::limitVectorKernels(2);
+}
+
 TEST(ByteSwap, WorkedWord) {
     Bytes b = {0, 0, 0, 1};
     EXPECT_EQ(ByteSwap::TypeUnitSwap(C(b), C(b), ELF_T_WORD), 4);
