@@ -70,29 +70,29 @@ int DataDesc::initialize() {
     const SwapPlan p = plan(type, /*toFile=*/false, /*force=*/false);
     if (p.status > 0) {
         char* buf = static_cast<char*>(m_data.d_buf);
-        const bool changesImage = m_bInImage && (p.dwarf || type != ELF_T_BYTE);
-        std::unique_ptr<uint8_t[]> original;
-        bool ok = true;
-        if (changesImage) {
+        auto* bytes = reinterpret_cast<uint8_t*>(buf);
+        if (!m_bInImage || (!p.dwarf && type == ELF_T_BYTE)) {
+            execute(p, buf, buf);
+        } else if (elf->reserveImageUndo()) {
             // Bytes inside a caller's image must come back exactly when the
-            // descriptor ends: conversions that are not their own inverse keep
-            // a copy of the original bytes.
-            ok = elf->reserveImageUndo();
-            if (ok && (p.dwarf || !ByteSwap::isInvolution(type))) {
-                original.reset(new (std::nothrow) uint8_t[m_data.d_size ? m_data.d_size : 1]);
-                if (original)
-                    std::memcpy(original.get(), buf, m_data.d_size);
-                else {
+            // descriptor ends, undone in the reverse order of their changes.
+            if (p.dwarf || !ByteSwap::isInvolution(type)) {
+                // Conversions that are not their own inverse restore a copy.
+                // The copy is recorded before converting: the DWARF converter
+                // can convert other sections (over the same bytes, even)
+                // while it runs, and those must be undone before this copy
+                // is put back.
+                std::unique_ptr<uint8_t[]> original(new (std::nothrow) uint8_t[m_data.d_size ? m_data.d_size : 1]);
+                if (!original) {
                     SETERR(ERR_NOMEM);
-                    ok = false;
+                } else {
+                    std::memcpy(original.get(), buf, m_data.d_size);
+                    elf->recordImageConversion(bytes, m_data.d_size, type, p.count, std::move(original));
+                    execute(p, buf, buf);
                 }
+            } else if (execute(p, buf, buf) > 0) {
+                elf->recordImageConversion(bytes, m_data.d_size, type, p.count, nullptr);
             }
-        }
-        if (ok) {
-            const long converted = execute(p, buf, buf);
-            if (converted > 0 && changesImage)
-                elf->recordImageConversion(reinterpret_cast<uint8_t*>(buf), m_data.d_size, type, p.count,
-                                           std::move(original));
         }
     }
     m_data.d_type = trueType[m_data.d_type];

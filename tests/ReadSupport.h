@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Builder.h"
+#include "Samples.h"
 #include "tamoelf.h"
 
 namespace testkit {
@@ -82,48 +83,6 @@ private:
     std::unique_ptr<MemFile> m_file;
     std::unique_ptr<ImageBuffer> m_image;
     Elf* m_elf = nullptr;
-};
-
-// The sample object: one section of each record type the library converts.
-struct Sample {
-    ObjectBuilder builder;
-    std::vector<Section> sections;  // index i+1 in the object
-    size_t text, symtab, strtab, rela, rel, hash, dynamic, bss, sixword, offs, threeword, own12, note;
-
-    explicit Sample(Order o) : builder(o) {
-        auto add = [this](Section s) {
-            sections.push_back(s);
-            return builder.add(std::move(s));
-        };
-        text = add({.name = ".text", .type = SHT_PROGBITS, .flags = 6, .align = 4,
-                    .content = raw(Bytes{0x7c, 0x08, 0x02, 0xa6, 0x94, 0x21, 0xff, 0xf0, 0x4e, 0x80, 0x00, 0x20})});
-        strtab = add({.name = ".strtab", .type = SHT_STRTAB, .content = raw(std::string("\0main\0counter\0", 14))});
-        std::vector<Elf32_Sym> syms = {
-            {0, 0, 0, 0, 0, 0, 0},
-            {1, 0x10, 0x20, 0x12, 0x01, static_cast<Elf32_Half>(text), 0xdeadbeef},
-            {6, 0x1234, 4, 0x11, 0x02, 0xfff1, 7},
-        };
-        symtab = add({.name = ".symtab", .type = SHT_SYMTAB, .link = static_cast<uint32_t>(strtab), .info = 1,
-                      .align = 4, .entsize = 20, .extra = 0x5a5a, .content = concat(syms, symFields)});
-        std::vector<Elf32_Rela> relas = {{4, 0x0102, -8}, {0x10, 0x0203, 0x7fffffff}};
-        rela = add({.name = ".rela.text", .type = SHT_RELA, .link = static_cast<uint32_t>(symtab),
-                    .info = static_cast<uint32_t>(text), .align = 4, .entsize = 12, .content = concat(relas, relaFields)});
-        rel = add({.name = ".rel.data", .type = SHT_REL, .align = 4, .entsize = 8,
-                   .content = words({0x100, 0x0305, 0x104, 0x0406})});
-        hash = add({.name = ".hash", .type = SHT_HASH, .align = 4, .entsize = 4, .content = words({1, 2, 0, 1, 0})});
-        dynamic = add({.name = ".dynamic", .type = SHT_DYNAMIC, .align = 4, .entsize = 8,
-                       .content = words({1, 0x10, 0x6ffffef5, 0x200, 0, 0})});
-        bss = add({.name = ".bss", .type = SHT_NOBITS, .align = 8, .forceSize = 64});
-        sixword = add({.name = ".six", .type = 13, .align = 4, .content = words({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12})});
-        offs = add({.name = ".offs", .type = 14, .align = 4, .content = words({0x11223344, 0x55667788})});
-        threeword = add({.name = ".three", .type = 20, .align = 4, .content = words({0xa, 0xb, 0xc})});
-        own12 = add({.name = ".own12", .type = 12, .content = raw(Bytes{1, 2, 3, 4, 5})});
-        note = add({.name = ".note", .type = SHT_NOTE, .align = 4, .content = words({4, 4, 1}) });
-    }
-
-    Bytes build() { return builder.build(); }
-    size_t names() const { return builder.namesIndex(); }
-    const Section& section(size_t index) const { return sections.at(index - 1); }
 };
 
 inline Bytes hostBytes(const Section& s) { return encode(s.content, kHost); }

@@ -11,34 +11,6 @@ using namespace testkit;
 
 namespace {
 
-// A small object whose one word section tells members apart.
-Bytes memberObject(Order o, uint32_t tag) {
-    ObjectBuilder b(o);
-    b.add({.name = ".hash", .type = SHT_HASH, .align = 4, .content = words({tag, tag + 1})});
-    return b.build();
-}
-
-// An archive of objects with names of 3, 4, 8 and 13 characters, an odd
-// member size, a "//" member and (optionally) a symbol table.
-struct SampleArchive {
-    ArchiveBuilder ar;
-    std::vector<std::string> names = {"abc", "abcd", "hello.o", "a_longer_name"};
-    std::vector<size_t> sizes;
-    explicit SampleArchive(Order o, bool symbols = true) : ar(o) {
-        ar.withSymbolTable = symbols;
-        for (size_t i = 0; i < names.size(); ++i) {
-            Bytes obj = memberObject(o, static_cast<uint32_t>(0x100 * (i + 1)));
-            if (i == 1) obj.push_back(0);  // an odd size
-            sizes.push_back(obj.size());
-            ar.addMember({.name = names[i], .data = obj, .date = 1700000000, .uid = 501, .gid = 20, .mode = 644});
-        }
-        ar.addMember({.name = "", .data = Bytes{'x', 'y', 'z'}, .rawName = "//              "});
-        ar.addSymbol("f", 0);
-        ar.addSymbol("main", 2);
-        ar.addSymbol("counter", 3);
-    }
-};
-
 class Archive : public ::testing::TestWithParam<Order> {
 protected:
     void SetUp() override { initLibrary(); }

@@ -1,0 +1,54 @@
+// Shared by the fuzz targets: walking everything a descriptor offers, the
+// way a careful client would, so that every reading path runs.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "tamoelf.h"
+
+namespace fuzz {
+
+inline void once() {
+    static const bool done = (tamo_elf_version(EV_CURRENT), true);
+    (void)done;
+}
+
+// Reads a string as a client would: up to its NUL.
+inline size_t touch(const char* s) { return s ? std::strlen(s) : 0; }
+
+// Walks the sections of an ELF descriptor in an order chosen by `seed`, reads
+// every header, name and data block, and translates each block to the other
+// byte order and back.
+inline void walkObject(Elf* elf, uint32_t seed) {
+    Elf32_Ehdr* eh = tamo_elf32_getehdr(elf);
+    size_t count = 0;
+    touch(tamo_elf_getident(elf, &count));
+    if (!eh) return;
+    const size_t n = eh->e_shnum;
+    if (seed & 1) tamo_elf_cntl(elf, ELF_C_FDREAD);
+    for (size_t k = 0; k < n; ++k) {
+        const size_t i = (seed & 2) ? n - 1 - k : k;
+        Elf_Scn* scn = tamo_elf_getscn(elf, i);
+        if (!scn) continue;
+        if (seed & 4) tamo_elf_setswapbehavior(scn, 1 + static_cast<int>((seed >> 3) + i) % 4);
+        Elf32_Shdr* sh = tamo_elf32_getshdr(scn);
+        if (!sh) continue;
+        touch(tamo_elf_strptr(elf, eh->e_shstrndx, sh->sh_name));
+        for (Elf_Data* d = tamo_elf_getdata(scn, nullptr); d; d = tamo_elf_getdata(scn, d)) {
+            volatile uint8_t sink = 0;
+            const auto* p = static_cast<const uint8_t*>(d->d_buf);
+            for (size_t b = 0; b < d->d_size; b += 61) sink = static_cast<uint8_t>(sink + p[b]);
+            if (sh->sh_type == SHT_STRTAB && d->d_size) touch(tamo_elf_strptr(elf, i, d->d_size / 2));
+            std::vector<uint8_t> out(d->d_size + 8);
+            Elf_Data dst{out.data(), ELF_T_BYTE, out.size(), 0, 1, 1};
+            tamo_elf32_xlatetof(&dst, d, ELFDATA2MSB);
+            tamo_elf32_xlatetom(&dst, d, ELFDATA2LSB);
+        }
+    }
+    for (Elf_Scn* scn = nullptr; (scn = tamo_elf_nextscn(elf, scn)) != nullptr;) tamo_elf_ndxscn(scn);
+}
+
+}  // namespace fuzz
