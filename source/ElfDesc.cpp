@@ -252,7 +252,14 @@ Elf_Scn* Elf::get_scn(size_t index) {
     }
     m_vScns[index] = std::make_unique<Elf_Scn>(this, static_cast<uint16_t>(index));
     Elf_Scn* scn = m_vScns[index].get();
-    if (scn->initialize() < 0) {
+    int r;
+    try {
+        r = scn->initialize();
+    } catch (...) {
+        m_vScns[index].reset();  // no half-made descriptor stays behind
+        throw;
+    }
+    if (r < 0) {
         m_vScns[index].reset();
         return nullptr;
     }
@@ -426,7 +433,14 @@ Elf_Scn* Elf::new_scn() {
         m_newShdrs.emplace_back();  // zeroed header
         m_vScns.resize(shdrCount());
         m_vScns[index] = std::make_unique<Elf_Scn>(this, static_cast<uint16_t>(index));
-        if (m_vScns[index]->initialize() < 0) {
+        int r;
+        try {
+            r = m_vScns[index]->initialize();
+        } catch (...) {
+            m_vScns[index].reset();
+            throw;
+        }
+        if (r < 0) {
             m_vScns[index].reset();
             return nullptr;
         }
