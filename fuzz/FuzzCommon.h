@@ -2,6 +2,9 @@
 // way a careful client would, so that every reading path runs.
 #pragma once
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +17,19 @@ namespace fuzz {
 inline void once() {
     static const bool done = (tamo_elf_version(EV_CURRENT), true);
     (void)done;
+}
+
+// A file holding the input without its last byte (the walk seed); -1 when
+// it cannot be made.
+inline int inputFile(const uint8_t* data, size_t size) {
+    const int fd = memfd_create("fuzz", 0);
+    if (fd < 0) return -1;
+    if (write(fd, data, size - 1) != static_cast<ssize_t>(size - 1)) {
+        close(fd);
+        return -1;
+    }
+    lseek(fd, 0, SEEK_SET);
+    return fd;
 }
 
 // Reads a string as a client would: up to its NUL.

@@ -1,9 +1,6 @@
 // Archives through file ids: the symbol table, every member header and
 // member object, random access by symbol offsets, reading everything, and
 // ending members and archive in either order.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <vector>
 
 #include "FuzzCommon.h"
@@ -12,13 +9,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::once();
     if (size < 1) return 0;
     const uint32_t seed = data[size - 1];
-    const int fd = memfd_create("fuzz", 0);
+    const int fd = fuzz::inputFile(data, size);
     if (fd < 0) return 0;
-    if (write(fd, data, size - 1) != static_cast<ssize_t>(size - 1)) {
-        close(fd);
-        return 0;
-    }
-    lseek(fd, 0, SEEK_SET);
     Elf* ar = tamo_elf_begin(fd, ELF_C_READ, nullptr);
     if (ar && tamo_elf_kind(ar) == ELF_K_AR) {
         size_t n = 0;

@@ -36,39 +36,24 @@ inline bool validData(const Elf_Data* d) {
     return Registry::live(HandleClass::Data, d) && DataDesc::of(const_cast<Elf_Data*>(d))->m_lMagicNum == DAT_MAGIC_NUM;
 }
 
-// Null gives 32, anything but a valid descriptor 70 / 71 / 72.
-inline Elf* checkElf(Elf* e) {
-    if (!e) {
+// Null gives 32, anything but a valid descriptor of its class `code`
+// (70 / 71 / 72).
+template <class T>
+inline T* checkHandle(T* p, bool valid, ErrNo code) {
+    if (!p) {
         SETERR(ERR_NULL_PARAM);
         return nullptr;
     }
-    if (!validElf(e)) {
-        SETERR(ERR_ELF_MAGIC);
+    if (!valid) {
+        SETERR(code);
         return nullptr;
     }
-    return e;
+    return p;
 }
-inline Elf_Scn* checkScn(Elf_Scn* s) {
-    if (!s) {
-        SETERR(ERR_NULL_PARAM);
-        return nullptr;
-    }
-    if (!validScn(s)) {
-        SETERR(ERR_SCN_MAGIC);
-        return nullptr;
-    }
-    return s;
-}
+inline Elf* checkElf(Elf* e) { return checkHandle(e, e && validElf(e), ERR_ELF_MAGIC); }
+inline Elf_Scn* checkScn(Elf_Scn* s) { return checkHandle(s, s && validScn(s), ERR_SCN_MAGIC); }
 inline DataDesc* checkData(Elf_Data* d) {
-    if (!d) {
-        SETERR(ERR_NULL_PARAM);
-        return nullptr;
-    }
-    if (!validData(d)) {
-        SETERR(ERR_DATA_MAGIC);
-        return nullptr;
-    }
-    return DataDesc::of(d);
+    return checkHandle(d, d && validData(d), ERR_DATA_MAGIC) ? DataDesc::of(d) : nullptr;
 }
 
 // Entries that take a descriptor without checking its stamp still refuse a

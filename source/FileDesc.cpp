@@ -106,11 +106,21 @@ int64_t tellPos(int fd, const char* context) {
     return pos;
 }
 
-ssize_t readFully(int fd, void* buf, size_t n) {
+namespace {
+// Reads until n bytes or end of file, retrying interrupted and short reads;
+// at the current position (off < 0) or at an absolute offset.
+ssize_t readLoop(int fd, void* buf, size_t n, int64_t off) {
     auto* p = static_cast<char*>(buf);
     size_t done = 0;
     while (done < n) {
-        ssize_t r = ::read(fd, p + done, n - done);
+        ssize_t r;
+        if (off < 0) {
+            r = ::read(fd, p + done, n - done);
+        } else {
+            const int64_t at = off + static_cast<int64_t>(done);
+            if (static_cast<int64_t>(static_cast<off_t>(at)) != at) return -1;  // beyond this build's off_t
+            r = ::pread(fd, p + done, n - done, static_cast<off_t>(at));
+        }
         if (r < 0) {
             if (errno == EINTR) continue;
             return -1;
@@ -120,20 +130,10 @@ ssize_t readFully(int fd, void* buf, size_t n) {
     }
     return static_cast<ssize_t>(done);
 }
+}  // namespace
 
-ssize_t preadFully(int fd, void* buf, size_t n, int64_t off) {
-    auto* p = static_cast<char*>(buf);
-    size_t done = 0;
-    while (done < n) {
-        ssize_t r = ::pread(fd, p + done, n - done, static_cast<off_t>(off + static_cast<int64_t>(done)));
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (r == 0) break;
-        done += static_cast<size_t>(r);
-    }
-    return static_cast<ssize_t>(done);
-}
+ssize_t readFully(int fd, void* buf, size_t n) { return readLoop(fd, buf, n, -1); }
+
+ssize_t preadFully(int fd, void* buf, size_t n, int64_t off) { return off < 0 ? -1 : readLoop(fd, buf, n, off); }
 
 }  // namespace tamo

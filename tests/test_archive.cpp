@@ -14,23 +14,31 @@ namespace {
 class Archive : public ::testing::TestWithParam<Order> {
 protected:
     void SetUp() override { initLibrary(); }
+
+    // Opens the archive `bytes` through a file of its own.
+    Elf* openArchive(const Bytes& bytes) {
+        m_file = std::make_unique<MemFile>(bytes);
+        return tamo_elf_begin(m_file->fd(), ELF_C_READ, nullptr);
+    }
+    int fd() const { return m_file->fd(); }
+
+private:
+    std::unique_ptr<MemFile> m_file;
 };
 
 TEST_P(Archive, WalkMembersAndHeaders) {
     SampleArchive s(GetParam());
-    Bytes bytes = s.ar.build();
-    MemFile f(bytes);
-    Elf* ar = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+    Elf* ar = openArchive(s.ar.build());
     ASSERT_NE(ar, nullptr) << tamo_elf_errmsg(tamo_elf_errno());
     EXPECT_EQ(tamo_elf_kind(ar), ELF_K_AR);
     EXPECT_EQ(tamo_elf_getbase(ar), 0);
     EXPECT_EQ(tamo_elf32_getehdr(ar), nullptr);
-    EXPECT_EQ(lseek(f.fd(), 0, SEEK_CUR), s.ar.headerOffset(0)) << "positioned at the first member";
+    EXPECT_EQ(lseek(fd(), 0, SEEK_CUR), s.ar.headerOffset(0)) << "positioned at the first member";
 
     size_t i = 0;
     Elf_Cmd cmd = ELF_C_READ;
     while (cmd == ELF_C_READ) {
-        Elf* m = tamo_elf_begin(f.fd(), ELF_C_READ, ar);
+        Elf* m = tamo_elf_begin(fd(), ELF_C_READ, ar);
         if (i == 4) {
             // The "//" member holds no ELF object.
             EXPECT_EQ(m, nullptr);
@@ -66,22 +74,20 @@ TEST_P(Archive, WalkMembersAndHeaders) {
     ASSERT_EQ(tamo_elf_rand(ar, s.ar.headerOffset(4)), s.ar.headerOffset(4));
     tamo_elf_errno();
     // A member whose contents are not ELF cannot be opened; the archive stays usable.
-    EXPECT_EQ(tamo_elf_begin(f.fd(), ELF_C_READ, ar), nullptr);
+    EXPECT_EQ(tamo_elf_begin(fd(), ELF_C_READ, ar), nullptr);
     EXPECT_EQ(tamo_elf_errno(), 6);
     ASSERT_EQ(tamo_elf_rand(ar, s.ar.headerOffset(3)), s.ar.headerOffset(3));
-    Elf* fourth = tamo_elf_begin(f.fd(), ELF_C_READ, ar);
+    Elf* fourth = tamo_elf_begin(fd(), ELF_C_READ, ar);
     ASSERT_NE(fourth, nullptr);
     EXPECT_EQ(tamo_elf_next(fourth), ELF_C_READ);
-    EXPECT_EQ(lseek(f.fd(), 0, SEEK_CUR), s.ar.headerOffset(4));
+    EXPECT_EQ(lseek(fd(), 0, SEEK_CUR), s.ar.headerOffset(4));
     tamo_elf_end(fourth);
     EXPECT_EQ(tamo_elf_end(ar), 0);
 }
 
 TEST_P(Archive, SymbolTable) {
     SampleArchive s(GetParam());
-    Bytes bytes = s.ar.build();
-    MemFile f(bytes);
-    Elf* ar = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+    Elf* ar = openArchive(s.ar.build());
     ASSERT_NE(ar, nullptr);
     size_t count = 0;
     Elf_Arsym* syms = tamo_elf_getarsym(ar, &count);
@@ -98,7 +104,7 @@ TEST_P(Archive, SymbolTable) {
     EXPECT_EQ(tamo_elf_getarsym(ar, nullptr), syms);
     // A symbol's offset leads to its member.
     ASSERT_EQ(tamo_elf_rand(ar, syms[1].as_off), syms[1].as_off);
-    Elf* m = tamo_elf_begin(f.fd(), ELF_C_READ, ar);
+    Elf* m = tamo_elf_begin(fd(), ELF_C_READ, ar);
     ASSERT_NE(m, nullptr);
     EXPECT_STREQ(tamo_elf_getarhdr(m)->ar_name, "hello.o");
     // Not on a member.
@@ -111,16 +117,14 @@ TEST_P(Archive, SymbolTable) {
 
 TEST_P(Archive, NoSymbolTable) {
     SampleArchive s(GetParam(), false);
-    Bytes bytes = s.ar.build();
-    MemFile f(bytes);
-    Elf* ar = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+    Elf* ar = openArchive(s.ar.build());
     ASSERT_NE(ar, nullptr);
-    EXPECT_EQ(lseek(f.fd(), 0, SEEK_CUR), 8);
+    EXPECT_EQ(lseek(fd(), 0, SEEK_CUR), 8);
     size_t count = 9;
     EXPECT_EQ(tamo_elf_getarsym(ar, &count), nullptr);
     EXPECT_EQ(count, 9u);
     EXPECT_EQ(tamo_elf_errno(), 15);
-    Elf* first = tamo_elf_begin(f.fd(), ELF_C_READ, ar);
+    Elf* first = tamo_elf_begin(fd(), ELF_C_READ, ar);
     ASSERT_NE(first, nullptr);
     EXPECT_STREQ(tamo_elf_getarhdr(first)->ar_name, "abc");
     tamo_elf_end(first);
@@ -211,12 +215,10 @@ TEST_P(Archive, ReadEverything) {
 
 TEST_P(Archive, RandAndMemberChecks) {
     SampleArchive s(GetParam());
-    Bytes bytes = s.ar.build();
-    MemFile f(bytes);
-    Elf* ar = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+    Elf* ar = openArchive(s.ar.build());
     ASSERT_NE(ar, nullptr);
     EXPECT_EQ(tamo_elf_rand(ar, 9), 9u);
-    EXPECT_EQ(tamo_elf_begin(f.fd(), ELF_C_READ, ar), nullptr);
+    EXPECT_EQ(tamo_elf_begin(fd(), ELF_C_READ, ar), nullptr);
     EXPECT_EQ(tamo_elf_errno(), 13);
     EXPECT_EQ(tamo_elf_rand(nullptr, 8), 0u);
     EXPECT_EQ(tamo_elf_errno(), 32);
@@ -230,7 +232,7 @@ TEST_P(Archive, RandAndMemberChecks) {
     EXPECT_EQ(tamo_elf_errno(), 44);
     EXPECT_EQ(tamo_elf_next(nullptr), ELF_C_NULL);
     tamo_elf_rand(ar, s.ar.headerOffset(0));
-    Elf* m = tamo_elf_begin(f.fd(), ELF_C_READ, ar);
+    Elf* m = tamo_elf_begin(fd(), ELF_C_READ, ar);
     ASSERT_NE(m, nullptr);
     EXPECT_EQ(tamo_elf_rand(m, 8), 0u);
     EXPECT_EQ(tamo_elf_errno(), 9);
@@ -238,10 +240,11 @@ TEST_P(Archive, RandAndMemberChecks) {
     EXPECT_EQ(tamo_elf_errno(), 20);
     tamo_elf_end(ar);
     // Read-write on an archive is refused.
-    lseek(f.fd(), 0, SEEK_SET);
-    EXPECT_EQ(tamo_elf_begin(f.fd(), ELF_C_RDWR, nullptr), nullptr);
+    lseek(fd(), 0, SEEK_SET);
+    EXPECT_EQ(tamo_elf_begin(fd(), ELF_C_RDWR, nullptr), nullptr);
     EXPECT_EQ(tamo_elf_errno(), 20);
     // An archive image is not read.
+    const Bytes bytes = s.ar.build();
     ImageBuffer image(bytes);
     EXPECT_EQ(tamo_elf_memory(image.data(), image.size()), nullptr);
     EXPECT_EQ(tamo_elf_errno(), 6);

@@ -23,35 +23,36 @@ void expectRestored(const Bytes& before, const Bytes& after) {
     }
 }
 
+// Opens a copy of `file` as a memory image, lets `work` use the descriptor,
+// ends it and checks that the image came back.
+template <class Work>
+void roundTrip(const Bytes& file, Work&& work) {
+    ImageBuffer image(file);
+    Elf* elf = tamo_elf_memory(image.data(), image.size());
+    ASSERT_NE(elf, nullptr) << tamo_elf_errmsg(tamo_elf_errno());
+    work(elf);
+    EXPECT_EQ(tamo_elf_end(elf), 0);
+    expectRestored(file, image.bytes());
+}
+
 class Restore : public ::testing::TestWithParam<Order> {};
 
 TEST_P(Restore, AnyReadingOrder) {
     for (unsigned seed = 0; seed < 6; ++seed) {
         Sample s(GetParam());
-        Bytes file = s.build();
-        ImageBuffer image(file);
-        Elf* elf = tamo_elf_memory(image.data(), image.size());
-        ASSERT_NE(elf, nullptr);
-        std::vector<size_t> order;
-        for (size_t i = 0; i <= s.names(); ++i) order.push_back(i);
-        std::mt19937 rng(seed);
-        std::shuffle(order.begin(), order.end(), rng);
-        order.resize(1 + seed * 3 % order.size());  // some sections only
-        for (size_t i : order) EXPECT_NE(tamo_elf_getscn(elf, i), nullptr);
-        EXPECT_EQ(tamo_elf_end(elf), 0);
-        expectRestored(file, image.bytes());
+        roundTrip(s.build(), [&](Elf* elf) {
+            std::vector<size_t> order;
+            for (size_t i = 0; i <= s.names(); ++i) order.push_back(i);
+            std::mt19937 rng(seed);
+            std::shuffle(order.begin(), order.end(), rng);
+            order.resize(1 + seed * 3 % order.size());  // some sections only
+            for (size_t i : order) EXPECT_NE(tamo_elf_getscn(elf, i), nullptr);
+        });
     }
 }
 
 TEST_P(Restore, EverythingReadAtOnce) {
-    Sample s(GetParam());
-    Bytes file = s.build();
-    ImageBuffer image(file);
-    Elf* elf = tamo_elf_memory(image.data(), image.size());
-    ASSERT_NE(elf, nullptr);
-    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
-    tamo_elf_end(elf);
-    expectRestored(file, image.bytes());
+    roundTrip(Sample(GetParam()).build(), [](Elf* elf) { EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0); });
 }
 
 int refuseHash(Elf32_Shdr*, const char* name) { return std::string(name) == ".hash" ? 0 : 1; }
@@ -59,33 +60,27 @@ int keepSymtab(Elf32_Shdr*, const char* name) { return std::string(name) == ".sy
 
 TEST_P(Restore, InvalidControllerAnswer) {
     Sample s(GetParam());
-    Bytes file = s.build();
-    ImageBuffer image(file);
-    Elf* elf = tamo_elf_memory(image.data(), image.size());
-    tamo_elf_setreadswapcontroller(elf, refuseHash);
-    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
-    // The caller switches the section's behaviour afterwards; it was never
-    // converted, so it must not be converted back.
-    tamo_elf_setswapbehavior(tamo_elf_getscn(elf, s.hash), 2);
-    tamo_elf_end(elf);
-    expectRestored(file, image.bytes());
+    roundTrip(s.build(), [&](Elf* elf) {
+        tamo_elf_setreadswapcontroller(elf, refuseHash);
+        EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+        // The caller switches the section's behaviour afterwards; it was
+        // never converted, so it must not be converted back.
+        tamo_elf_setswapbehavior(tamo_elf_getscn(elf, s.hash), 2);
+    });
 }
 
 TEST_P(Restore, CallerChangedBehavioursAndRecords) {
     Sample s(GetParam());
-    Bytes file = s.build();
-    ImageBuffer image(file);
-    Elf* elf = tamo_elf_memory(image.data(), image.size());
-    tamo_elf_setreadswapcontroller(elf, keepSymtab);
-    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
-    for (size_t i = 1; i <= s.names(); ++i) tamo_elf_setswapbehavior(tamo_elf_getscn(elf, i), 1 + i % 4);
-    // Fiddling with the public records changes nothing about what comes back.
-    Elf_Data* d = tamo_elf_getdata(tamo_elf_getscn(elf, s.rela), nullptr);
-    d->d_type = ELF_T_SHDR;
-    d->d_size = 3;
-    tamo_elf32_getehdr(elf)->e_ident[EI_DATA] = 3;
-    tamo_elf_end(elf);
-    expectRestored(file, image.bytes());
+    roundTrip(s.build(), [&](Elf* elf) {
+        tamo_elf_setreadswapcontroller(elf, keepSymtab);
+        EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+        for (size_t i = 1; i <= s.names(); ++i) tamo_elf_setswapbehavior(tamo_elf_getscn(elf, i), 1 + i % 4);
+        // Fiddling with the public records changes nothing about what comes back.
+        Elf_Data* d = tamo_elf_getdata(tamo_elf_getscn(elf, s.rela), nullptr);
+        d->d_type = ELF_T_SHDR;
+        d->d_size = 3;
+        tamo_elf32_getehdr(elf)->e_ident[EI_DATA] = 3;
+    });
 }
 
 TEST_P(Restore, OverlappingSections) {
@@ -99,18 +94,10 @@ TEST_P(Restore, OverlappingSections) {
     b.add({.name = ".rela", .type = SHT_RELA, .forceOffset = at + 4, .forceSize = 24});
     b.add({.name = ".hdr", .type = SHT_DYNAMIC, .forceOffset = 0, .forceSize = 48});
     Bytes file = b.build();
-    for (int pass = 0; pass < 2; ++pass) {
-        ImageBuffer image(file);
-        Elf* elf = tamo_elf_memory(image.data(), image.size());
-        ASSERT_NE(elf, nullptr);
-        if (pass == 0) {
-            EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
-        } else {
-            for (size_t i : {4, 2, 3, 1}) EXPECT_NE(tamo_elf_getscn(elf, i), nullptr) << i;
-        }
-        tamo_elf_end(elf);
-        expectRestored(file, image.bytes());
-    }
+    roundTrip(file, [](Elf* elf) { EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0); });
+    roundTrip(file, [](Elf* elf) {
+        for (size_t i : {4, 2, 3, 1}) EXPECT_NE(tamo_elf_getscn(elf, i), nullptr) << i;
+    });
 }
 
 TEST_P(Restore, LineNumberRelocationsThatDoNotDivide) {
@@ -118,13 +105,7 @@ TEST_P(Restore, LineNumberRelocationsThatDoNotDivide) {
     b.add({.name = ".rela.lnno.text", .type = SHT_RELA, .content = words({17, 1, 2, 23, 3, 4})});
     b.add({.name = ".lnno.text", .type = 15, .content = raw(Bytes{0, 0, 0, 1, 0, 2, 0, 0, 0, 0, 0, 3, 0, 4, 5})});
     b.add({.name = ".coff.SDB", .type = 15, .content = raw(Bytes(41, 7))});
-    Bytes file = b.build();
-    ImageBuffer image(file);
-    Elf* elf = tamo_elf_memory(image.data(), image.size());
-    ASSERT_NE(elf, nullptr);
-    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
-    tamo_elf_end(elf);
-    expectRestored(file, image.bytes());
+    roundTrip(b.build(), [](Elf* elf) { EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0); });
 }
 
 TEST_P(Restore, SectionsMadeWhileAnotherIsConverted) {
@@ -137,14 +118,10 @@ TEST_P(Restore, SectionsMadeWhileAnotherIsConverted) {
     b.add({.name = ".debug_line", .type = SHT_PROGBITS, .content = words({9, 8, 7})});
     b.add({.name = ".debug_abbrev", .type = SHT_PROGBITS, .content = raw(Bytes{1, 0x11, 0, 0x10, 6, 0, 0, 0})});
     b.add({.name = ".symtab", .type = SHT_SYMTAB, .align = 4, .content = words({1, 2, 3, 4, 5})});
-    Bytes file = b.build();
-    ImageBuffer image(file);
-    Elf* elf = tamo_elf_memory(image.data(), image.size());
-    ASSERT_NE(elf, nullptr);
-    EXPECT_NE(tamo_elf_getscn(elf, info), nullptr);
-    EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
-    tamo_elf_end(elf);
-    expectRestored(file, image.bytes());
+    roundTrip(b.build(), [&](Elf* elf) {
+        EXPECT_NE(tamo_elf_getscn(elf, info), nullptr);
+        EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
+    });
 }
 
 TEST_P(Restore, FailedOpeningLeavesTheImage) {

@@ -16,6 +16,18 @@ class ReadBoth : public ::testing::TestWithParam<std::tuple<Order, Access>> {
 protected:
     Order order() const { return std::get<0>(GetParam()); }
     Access access() const { return std::get<1>(GetParam()); }
+
+    // The sample object in this test's byte order, opened this test's way.
+    Sample s{order()};
+    Opened& open() {
+        m_file = s.build();
+        m_opened = std::make_unique<Opened>(m_file, access());
+        return *m_opened;
+    }
+
+private:
+    Bytes m_file;
+    std::unique_ptr<Opened> m_opened;
 };
 
 std::string paramName(const ::testing::TestParamInfo<std::tuple<Order, Access>>& info) {
@@ -23,11 +35,9 @@ std::string paramName(const ::testing::TestParamInfo<std::tuple<Order, Access>>&
 }
 
 TEST_P(ReadBoth, HeaderInHostOrder) {
-    Sample s(order());
     s.builder.entry = 0x01020304;
     s.builder.flags = 0x80000001;
-    Bytes file = s.build();
-    Opened o(file, access());
+    Opened& o = open();
     ASSERT_NE(o.elf(), nullptr) << tamo_elf_errmsg(tamo_elf_errno());
     EXPECT_EQ(tamo_elf_kind(o.elf()), ELF_K_ELF);
     Elf32_Ehdr* h = tamo_elf32_getehdr(o.elf());
@@ -51,9 +61,7 @@ TEST_P(ReadBoth, HeaderInHostOrder) {
 }
 
 TEST_P(ReadBoth, SectionHeadersInHostOrder) {
-    Sample s(order());
-    Bytes file = s.build();
-    Opened o(file, access());
+    Opened& o = open();
     ASSERT_NE(o.elf(), nullptr);
     for (size_t i = 1; i < s.names(); ++i) {
         const Section& want = s.section(i);
@@ -78,9 +86,7 @@ TEST_P(ReadBoth, SectionHeadersInHostOrder) {
 }
 
 TEST_P(ReadBoth, EveryRecordTypeInHostOrder) {
-    Sample s(order());
-    Bytes file = s.build();
-    Opened o(file, access());
+    Opened& o = open();
     ASSERT_NE(o.elf(), nullptr);
     struct Expect {
         size_t index;
@@ -119,9 +125,7 @@ TEST_P(ReadBoth, EveryRecordTypeInHostOrder) {
 }
 
 TEST_P(ReadBoth, SectionsWithoutData) {
-    Sample s(order());
-    Bytes file = s.build();
-    Opened o(file, access());
+    Opened& o = open();
     ASSERT_NE(o.elf(), nullptr);
     Elf_Scn* bss = o.scn(s.bss);
     ASSERT_NE(bss, nullptr);
@@ -136,9 +140,7 @@ TEST_P(ReadBoth, SectionsWithoutData) {
 }
 
 TEST_P(ReadBoth, WalkingSectionsAndData) {
-    Sample s(order());
-    Bytes file = s.build();
-    Opened o(file, access());
+    Opened& o = open();
     ASSERT_NE(o.elf(), nullptr);
     // Out of order requests keep one descriptor per index.
     Elf_Scn* third = o.scn(3);
@@ -165,9 +167,7 @@ TEST_P(ReadBoth, WalkingSectionsAndData) {
 }
 
 TEST_P(ReadBoth, StringLookup) {
-    Sample s(order());
-    Bytes file = s.build();
-    Opened o(file, access());
+    Opened& o = open();
     ASSERT_NE(o.elf(), nullptr);
     Elf32_Shdr* sh = tamo_elf32_getshdr(o.scn(s.strtab));
     char* end = tamo_elf_strptr(o.elf(), s.strtab, sh->sh_size);
@@ -189,9 +189,7 @@ TEST_P(ReadBoth, StringLookup) {
 }
 
 TEST_P(ReadBoth, ReadEverythingAtOnce) {
-    Sample s(order());
-    Bytes file = s.build();
-    Opened o(file, access());
+    Opened& o = open();
     ASSERT_NE(o.elf(), nullptr);
     EXPECT_EQ(tamo_elf_cntl(o.elf(), ELF_C_FDREAD), 0);
     for (size_t i = 1; i <= s.names(); ++i) EXPECT_NE(o.scn(i), nullptr) << i;
@@ -204,9 +202,7 @@ TEST_P(ReadBoth, ReadEverythingAtOnce) {
 }
 
 TEST_P(ReadBoth, DoneMeansNoMoreReading) {
-    Sample s(order());
-    Bytes file = s.build();
-    Opened o(file, access());
+    Opened& o = open();
     ASSERT_NE(o.elf(), nullptr);
     Elf_Scn* read = o.scn(s.symtab);
     ASSERT_NE(read, nullptr);
@@ -311,6 +307,7 @@ TEST(Read, ActivationCounts) {
     MemFile f(file);
     Elf* elf = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
     ASSERT_NE(elf, nullptr);
+    EXPECT_EQ(lseek(f.fd(), 0, SEEK_CUR), 0) << "an object is left positioned at its start";
     EXPECT_EQ(tamo_elf_begin(f.fd(), ELF_C_READ, elf), elf);
     EXPECT_EQ(tamo_elf_begin(f.fd(), ELF_C_RDWR, elf), nullptr);
     EXPECT_EQ(tamo_elf_errno(), 87);
@@ -357,17 +354,6 @@ TEST(Read, NewFileDescriptorReadsNothing) {
     EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), -1);
     EXPECT_EQ(tamo_elf_errno(), 83);
     EXPECT_EQ(tamo_elf_end(elf), 0);
-}
-
-TEST(Read, FileIsLeftAtItsStart) {
-    initLibrary();
-    Sample s(Order::Big);
-    Bytes file = s.build();
-    MemFile f(file);
-    Elf* elf = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
-    ASSERT_NE(elf, nullptr);
-    EXPECT_EQ(lseek(f.fd(), 0, SEEK_CUR), 0);
-    tamo_elf_end(elf);
 }
 
 TEST(Read, SmallFilesAndKindDetection) {
