@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <memory>
 
 #include "ArDesc.h"
@@ -51,8 +53,9 @@ Elf* beginMember(int fd, Elf_Cmd cmd, Elf* archive) {
     if (!elf.get()) return nullptr;
     const int r = elf->initialize();
     // Reading the member moved the position; put it back on the member's
-    // header so that the walk (tamo_elf_next) is undisturbed.
-    seekSet(fd, pos, "elf_begin");
+    // header so that the walk (tamo_elf_next) is undisturbed. The position
+    // was just read, so this seek succeeds; it reports nothing of its own.
+    ::lseek(fd, static_cast<off_t>(pos), SEEK_SET);
     if (r < 0) return nullptr;
     return elf.release();
 }

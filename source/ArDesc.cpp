@@ -51,7 +51,8 @@ int ArDesc::initialize() {
     ArHeader first;
     const long afterFirst = readArHdr(file, 8, first);
     if (afterFirst < 0) {
-        SETERR(ERR_AR_SYMTAB_INIT);
+        // The end of the file inside a header keeps its own code (16).
+        if (pendingError() != ERR_AR_EOF) SETERR(ERR_AR_SYMTAB_INIT);
         return -1;
     }
     long offset = 8;
@@ -68,7 +69,7 @@ int ArDesc::initialize() {
         auto member = std::make_unique<ArMember>(this);
         const long next = member->initialize(offset, file);
         if (next < 0) {
-            SETERR(ERR_AR_MEMBER_INIT);
+            if (pendingError() != ERR_AR_EOF) SETERR(ERR_AR_MEMBER_INIT);
             return -1;
         }
         member->m_index = m_members.size();

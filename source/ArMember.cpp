@@ -97,7 +97,7 @@ long ArMember::initialize(long offset, tamo::FileWindow& file) {
     using namespace tamo;
     const long next = readArHdr(file, offset, m_header);
     if (next < 0) {
-        SETERR(ERR_AR_NAME);
+        if (pendingError() != ERR_AR_EOF) SETERR(ERR_AR_NAME);
         return -1;
     }
     const int64_t size = m_header.hdr.ar_size;

@@ -1,5 +1,7 @@
 #include "ArSymTab.h"
 
+#include <algorithm>
+
 #include "ArDesc.h"
 #include "Cursor.h"
 #include "ErrHndr.h"
@@ -39,11 +41,18 @@ long ArSymTab::initialize(long offset, long size, FileWindow&) {
         SETERR(ERR_AR_SYMTAB_INIT);
         return -1;
     }
+    // The N names must all end inside the table: counted before anything
+    // sized by N is allocated.
+    const uint8_t* namesStart = c.here() + 4 * static_cast<size_t>(n);
+    const size_t namesSize = c.remaining() - 4 * static_cast<size_t>(n);
+    if (static_cast<size_t>(std::count(namesStart, namesStart + namesSize, 0)) < n) {
+        SETERR(ERR_AR_SYMTAB_INIT);
+        return -1;
+    }
     std::vector<uint32_t> offsets(n);
     for (uint32_t& o : offsets) o = c.u32();
 
-    // Names: a copy of the rest of the table, each name ending in a NUL
-    // inside it.
+    // Names: a copy of the rest of the table.
     m_names.assign(c.here(), c.here() + c.remaining());
     Cursor names(reinterpret_cast<const uint8_t*>(m_names.data()), m_names.size());
     m_entries.resize(n);

@@ -95,13 +95,18 @@ bool Elf::chargeSectionBytes(uint64_t n) {
     // Sections of a well-formed file do not overlap, so together they hold
     // at most the input's bytes. A bound of a few times that stops a hostile
     // table of overlapping sections from multiplying memory and work.
-    uint64_t limit = contentLimit();
-    if (!onImage() && !m_pMember && m_pFile) {
-        int64_t now = m_pFile->currentSize();
-        if (now > 0) limit = static_cast<uint64_t>(now);
+    // The file may have grown since it was opened: its size is taken again
+    // only when the bound is reached.
+    auto fits = [this, n](uint64_t limit) {
+        const uint64_t budget = 4 * limit + kPlacementSlack;
+        return n <= budget && m_placedBytes <= budget - n;
+    };
+    bool ok = fits(contentLimit());
+    if (!ok && !onImage() && !m_pMember && m_pFile) {
+        const int64_t now = m_pFile->currentSize();
+        ok = now > 0 && fits(static_cast<uint64_t>(now));
     }
-    const uint64_t budget = 4 * limit + kPlacementSlack;
-    if (n > budget || m_placedBytes > budget - n) {
+    if (!ok) {
         SETERR(ERR_NOMEM);
         return false;
     }
@@ -384,7 +389,7 @@ const char* Elf::sectionName(const Elf_Scn& scn) {
     ErrorStateGuard keep;
     if (!m_pEhdr || !scn.m_pShdr) return "";
     const size_t index = m_pEhdr->e_shstrndx;
-    if (index >= shdrCount()) return "";
+    if (index == SHN_UNDEF || index >= shdrCount()) return "";  // no section-name table
     Elf_Scn* names = get_scn(index);
     if (!names || names->m_vData.empty()) return "";
     const DataDesc& d = *names->m_vData.front();

@@ -109,7 +109,13 @@ int Elf_Scn::initialize() {
     // are converted with rescaled offsets, and line-number and symbol records
     // (8 and 20 bytes in a big-endian file) are repacked to 6 and 18 bytes.
     if (ehdr && m_index != ehdr->e_shstrndx && m_pElf->foreign()) {
-        const char* name = m_pElf->strptr(ehdr->e_shstrndx, sh->sh_name);
+        // The name comes as tamo_elf_strptr would give it: a file without a
+        // section-name table (index 0) cannot name its sections.
+        const char* name = nullptr;
+        if (ehdr->e_shstrndx == SHN_UNDEF)
+            SETERR(ERR_SCN_INDEX);
+        else
+            name = m_pElf->strptr(ehdr->e_shstrndx, sh->sh_name);
         if (!name) {
             if (pendingError() == ERR_NONE) SETERR(ERR_SCN_NAME_EMPTY, "Elf_Scn::initialize()");
             return -1;

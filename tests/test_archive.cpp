@@ -289,7 +289,8 @@ Bytes withMember(const std::string& sizeText, const Bytes& data, bool symbols = 
 TEST(ArchiveErrors, CodesOfMalformedArchives) {
     initLibrary();
     std::vector<BadArchive> rows;
-    rows.push_back({"magic only", Bytes{'!', '<', 'e', 'l', 'f', 'a', '>', '\n'}, 10});
+    // The end of the file inside a header's name field keeps its own code.
+    rows.push_back({"magic only", Bytes{'!', '<', 'e', 'l', 'f', 'a', '>', '\n'}, 16});
     rows.push_back({"member past the end", withMember("1000", Bytes(10, 1)), 11});
     rows.push_back({"negative size", withMember("-5", Bytes(10, 1)), 11});
     rows.push_back({"size that runs into the next field", withMember("9999999999", Bytes(10, 1)), 11});
@@ -298,10 +299,16 @@ TEST(ArchiveErrors, CodesOfMalformedArchives) {
         Bytes b = {'!', '<', 's', 'o', 'l', 'a', '>', '\n'};
         Bytes member(ArchiveBuilder::header(ArchiveBuilder::nameField("a.o"), "0", 0, 0, 644, "4").size(), 'z');
         b.insert(b.end(), member.begin(), member.end());
-        rows.push_back({"name field without a slash", b, 10});
+        rows.push_back({"name field without a slash", b, 16});
         Bytes c = withMember("4", Bytes(4, 1));
         for (int i = 0; i < 60; ++i) c.push_back('q');
-        rows.push_back({"second member without a slash", c, 11});
+        rows.push_back({"second member without a slash", c, 16});
+        Bytes d = withMember("4", Bytes(4, 1));
+        std::string cut = ArchiveBuilder::header(ArchiveBuilder::nameField("b.o"), "0", 0, 0, 644, "4");
+        cut.resize(30);  // a second header cut inside its fixed part
+        d.insert(d.end(), cut.begin(), cut.end());
+        for (int i = 0; i < 20; ++i) d.push_back(' ');
+        rows.push_back({"header cut inside its fixed part", d, 16});
     }
     {
         // A symbol table that claims more symbols than it holds.

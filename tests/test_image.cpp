@@ -10,6 +10,8 @@ using namespace testkit;
 
 namespace {
 
+int tamo32_shstrndx(Elf* elf) { return tamo_elf32_getehdr(elf)->e_shstrndx; }
+
 // After tamo_elf_end every byte equals the original, except EI_DATA, which
 // the library rewrites from e_version.
 void expectRestored(const Bytes& before, const Bytes& after) {
@@ -245,6 +247,31 @@ TEST(Malformed, NamesAndTypes) {
         ASSERT_NE(p.elf(), nullptr);
         EXPECT_EQ(p.scn(lost), nullptr);
         EXPECT_EQ(tamo_elf_errno(), 68);
+    }
+}
+
+TEST(Malformed, NoSectionNameTable) {
+    for (Order order : {Order::Little, Order::Big}) {
+        for (Access a : {Access::File, Access::Image}) {
+            ObjectBuilder b(order);
+            size_t hash = b.add({.name = ".hash", .type = SHT_HASH, .content = words({1, 2})});
+            Bytes file = b.build();
+            file[50] = file[51] = 0;  // e_shstrndx: no section-name table
+            Opened o(file, a);
+            ASSERT_NE(o.elf(), nullptr);
+            EXPECT_EQ(tamo32_shstrndx(o.elf()), 0);
+            tamo_elf_errno();
+            if (order == kHost) {
+                EXPECT_EQ(o.bytes(hash), encode(words({1, 2}), kHost));
+                EXPECT_EQ(tamo_elf_cntl(o.elf(), ELF_C_FDREAD), 0);
+                EXPECT_EQ(o.scn(0), nullptr) << "section 0 was never asked for";
+                EXPECT_EQ(tamo_elf_errno(), 42);
+            } else {
+                // A foreign file's sections need their names.
+                EXPECT_EQ(o.scn(hash), nullptr);
+                EXPECT_EQ(tamo_elf_errno(), 25);
+            }
+        }
     }
 }
 
