@@ -251,6 +251,24 @@ TEST_P(Archive, RandAndMemberChecks) {
     EXPECT_EQ(image.bytes(), bytes);
 }
 
+TEST_P(Archive, NextFromTheArchiveAndPastTheLastMember) {
+    ArchiveBuilder b(GetParam());
+    for (uint32_t i = 0; i < 2; ++i) b.addMember({.name = "m" + std::to_string(i), .data = memberObject(GetParam(), i)});
+    Elf* ar = openArchive(b.build());
+    ASSERT_NE(ar, nullptr);
+    lseek(fd(), 0, SEEK_SET);
+    EXPECT_EQ(tamo_elf_next(ar), ELF_C_READ) << "the archive's own descriptor goes to the first member";
+    EXPECT_EQ(lseek(fd(), 0, SEEK_CUR), b.headerOffset(0));
+    ASSERT_EQ(tamo_elf_rand(ar, b.headerOffset(1)), b.headerOffset(1));
+    Elf* last = tamo_elf_begin(fd(), ELF_C_READ, ar);
+    ASSERT_NE(last, nullptr);
+    tamo_elf_errno();
+    EXPECT_EQ(tamo_elf_next(last), ELF_C_NULL);
+    EXPECT_EQ(tamo_elf_errno(), 59);
+    EXPECT_EQ(tamo_elf_getbase(last), static_cast<off_t>(b.dataOffset(1)));
+    EXPECT_EQ(tamo_elf_end(ar), 0);
+}
+
 TEST_P(Archive, SpecialHeaderFields) {
     ArchiveBuilder b(GetParam());
     b.withSymbolTable = false;
