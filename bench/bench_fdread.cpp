@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Builder.h"
 #include "RatioReporter.h"
 #include "tamoelf.h"
 
@@ -17,11 +18,10 @@ namespace {
 constexpr size_t kMiB = 1u << 20;
 
 void put32(std::vector<uint8_t>& b, size_t at, uint32_t v, bool big) {
-    for (int i = 0; i < 4; ++i) b[at + i] = static_cast<uint8_t>(v >> (big ? 8 * (3 - i) : 8 * i));
+    testkit::putAt(&b.at(at), v, 4, big ? testkit::Order::Big : testkit::Order::Little);
 }
 void put16(std::vector<uint8_t>& b, size_t at, uint16_t v, bool big) {
-    b[at] = static_cast<uint8_t>(big ? v >> 8 : v);
-    b[at + 1] = static_cast<uint8_t>(big ? v : v >> 8);
+    testkit::putAt(&b.at(at), v, 2, big ? testkit::Order::Big : testkit::Order::Little);
 }
 
 // An object of symbols, relocations and word data, written to a file.

@@ -19,6 +19,15 @@ inline void once() {
     (void)done;
 }
 
+// Prepares an input: the library's version is set, the last byte becomes
+// the walk seed; false for an empty input.
+inline bool start(const uint8_t* data, size_t size, uint32_t& seed) {
+    once();
+    if (size < 1) return false;
+    seed = data[size - 1];
+    return true;
+}
+
 // A file holding the input without its last byte (the walk seed); -1 when
 // it cannot be made.
 inline int inputFile(const uint8_t* data, size_t size) {

@@ -6,9 +6,8 @@
 #include "FuzzCommon.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::once();
-    if (size < 1) return 0;
-    const uint32_t seed = data[size - 1];
+    uint32_t seed;
+    if (!fuzz::start(data, size, seed)) return 0;
     const int fd = fuzz::inputFile(data, size);
     if (fd < 0) return 0;
     Elf* ar = tamo_elf_begin(fd, ELF_C_READ, nullptr);

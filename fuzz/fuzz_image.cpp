@@ -7,9 +7,8 @@
 #include "FuzzCommon.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::once();
-    if (size < 1) return 0;
-    const uint32_t seed = data[size - 1];
+    uint32_t seed;
+    if (!fuzz::start(data, size, seed)) return 0;
     std::vector<uint8_t> original(data, data + size - 1);
     std::vector<uint8_t> image = original;
     if (image.empty()) return 0;

@@ -58,7 +58,7 @@ int ArDesc::initialize() {
     long offset = 8;
     if (first.rawName[0] == '/' && first.rawName[1] != '/') {
         m_pSymTab = std::make_unique<ArSymTab>(this);
-        offset = m_pSymTab->initialize(afterFirst, first.hdr.ar_size, file);
+        offset = m_pSymTab->initialize(afterFirst, first.hdr.ar_size);
         if (offset < 0) {
             SETERR(ERR_AR_SYMTAB_INIT);
             return -1;

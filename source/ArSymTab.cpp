@@ -22,7 +22,7 @@ uint32_t elfHash(const char* name) {
 }
 }  // namespace tamo
 
-long ArSymTab::initialize(long offset, long size, FileWindow&) {
+long ArSymTab::initialize(long offset, long size) {
     const FileDesc* file = m_pOwner->m_pFile;
     // The table must fit in the archive; nothing is allocated before that is
     // known.
@@ -52,16 +52,13 @@ long ArSymTab::initialize(long offset, long size, FileWindow&) {
     std::vector<uint32_t> offsets(n);
     for (uint32_t& o : offsets) o = c.u32();
 
-    // Names: a copy of the rest of the table.
+    // Names: a copy of the rest of the table; the count above makes every
+    // name end inside it.
     m_names.assign(c.here(), c.here() + c.remaining());
     Cursor names(reinterpret_cast<const uint8_t*>(m_names.data()), m_names.size());
     m_entries.resize(n);
     for (uint32_t i = 0; i < n; ++i) {
         const char* name = names.cstr();
-        if (!name) {
-            SETERR(ERR_AR_SYMTAB_INIT);
-            return -1;
-        }
         m_entries[i].as_name = const_cast<char*>(name);
         m_entries[i].as_off = offsets[i];
         m_entries[i].as_hash = elfHash(name);

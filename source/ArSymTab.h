@@ -10,16 +10,12 @@
 
 class ArDesc;
 
-namespace tamo {
-class FileWindow;
-}
-
 class ArSymTab : private tamo::ByteSwap {
 public:
     explicit ArSymTab(ArDesc* owner) : m_pOwner(owner) {}
 
     // Reads `size` bytes at `offset`; returns offset + size, or -1.
-    long initialize(long offset, long size, tamo::FileWindow& file);
+    long initialize(long offset, long size);
 
     // Reverses 4 bytes (type ELF_T_BYTE only; 38 otherwise).
     int swap(char* src, char* dst, Elf_Type type);

@@ -132,12 +132,15 @@ __attribute__((target("ssse3"))) size_t swapSymsSsse3(const uint8_t* src, uint8_
     return i;
 }
 
+// What the processor offers, and what the kernels may use (all of it
+// unless a test limits them).
 struct Cpu {
+    bool hasAvx2, hasSsse3;
     bool avx2, ssse3;
     Cpu() {
         __builtin_cpu_init();
-        avx2 = __builtin_cpu_supports("avx2");
-        ssse3 = __builtin_cpu_supports("ssse3");
+        avx2 = hasAvx2 = __builtin_cpu_supports("avx2");
+        ssse3 = hasSsse3 = __builtin_cpu_supports("ssse3");
     }
 };
 Cpu& cpu() {
@@ -280,9 +283,8 @@ long convert(uint8_t* src, uint8_t* dst, Elf_Type type, size_t count, CoffLink& 
 
 int limitVectorKernels(int level) {
 #if defined(__x86_64__) || defined(__i386__)
-    static const Cpu detected;
-    cpu().avx2 = detected.avx2 && level >= 2;
-    cpu().ssse3 = detected.ssse3 && level >= 1;
+    cpu().avx2 = cpu().hasAvx2 && level >= 2;
+    cpu().ssse3 = cpu().hasSsse3 && level >= 1;
     return cpu().avx2 ? 2 : cpu().ssse3 ? 1 : 0;
 #else
     (void)level;

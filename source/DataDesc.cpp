@@ -31,11 +31,12 @@ DataDesc::~DataDesc() {
     m_lMagicNum = 0;
 }
 
-size_t DataDesc::readableFrom(const char* p) const {
-    if (!m_pPlaced || m_data.d_buf != m_pPlaced) return SIZE_MAX;
+bool DataDesc::terminates(const char* p) const {
     const auto* q = reinterpret_cast<const uint8_t*>(p);
-    if (q < m_pPlaced || q >= m_pPlaced + m_readable) return 0;
-    return static_cast<size_t>(m_pPlaced + m_readable - q);
+    const uint8_t* begin = static_cast<const uint8_t*>(m_data.d_buf);
+    const uint8_t* end = begin + m_data.d_size;
+    if (placed()) end = m_pPlaced + m_readable;
+    return q >= begin && q < end && std::memchr(q, 0, static_cast<size_t>(end - q));
 }
 
 int DataDesc::initialize() {

@@ -59,9 +59,11 @@ public:
     SwapPlan plan(Elf_Type type, bool toFile, bool force);
     long execute(const SwapPlan& plan, char* src, char* dst);
 
-    // Number of bytes known to be readable from p, or SIZE_MAX when p is not
-    // in bytes the library placed (the caller's own memory).
-    size_t readableFrom(const char* p) const;
+    // Whether a NUL ends the string at p inside the bytes known to be
+    // readable: those the library placed, or else the block's d_size bytes.
+    bool terminates(const char* p) const;
+    // The block still points at the bytes the library placed.
+    bool placed() const { return m_pPlaced && m_data.d_buf == m_pPlaced; }
 };
 
 static_assert(std::is_standard_layout_v<DataDesc>, "Elf_Data* must convert to DataDesc*");

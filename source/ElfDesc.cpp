@@ -84,10 +84,11 @@ int Elf::initialize() {
 
 int64_t Elf::baseOffset() const { return m_pMember ? m_pMember->m_dataOffset : 0; }
 
-uint64_t Elf::contentLimit() {
+uint64_t Elf::contentLimit(bool fresh) {
     if (onImage()) return m_pFile->m_imageSize;
     if (m_pMember) return m_pMember->size();
-    int64_t size = m_pFile ? m_pFile->m_lFileSize : 0;
+    if (!m_pFile) return 0;
+    const int64_t size = fresh ? m_pFile->currentSize() : m_pFile->m_lFileSize;
     return size < 0 ? 0 : static_cast<uint64_t>(size);
 }
 
@@ -95,18 +96,11 @@ bool Elf::chargeSectionBytes(uint64_t n) {
     // Sections of a well-formed file do not overlap, so together they hold
     // at most the input's bytes. A bound of a few times that stops a hostile
     // table of overlapping sections from multiplying memory and work.
-    // The file may have grown since it was opened: its size is taken again
-    // only when the bound is reached.
     auto fits = [this, n](uint64_t limit) {
         const uint64_t budget = 4 * limit + kPlacementSlack;
         return n <= budget && m_placedBytes <= budget - n;
     };
-    bool ok = fits(contentLimit());
-    if (!ok && !onImage() && !m_pMember && m_pFile) {
-        const int64_t now = m_pFile->currentSize();
-        ok = now > 0 && fits(static_cast<uint64_t>(now));
-    }
-    if (!ok) {
+    if (!fits(contentLimit()) && !fits(contentLimit(true))) {
         SETERR(ERR_NOMEM);
         return false;
     }
@@ -246,7 +240,6 @@ Elf_Scn* Elf::get_scn(size_t index) {
         SETERR(ERR_NO_SUCH_SCN);
         return nullptr;
     }
-    if (index >= m_vScns.size()) m_vScns.resize(shdrCount());
     // A descriptor whose data are still being read is handed out as it is
     // (without data): a nested request made while converting it must not make
     // a second descriptor on the same bytes.
@@ -255,6 +248,10 @@ Elf_Scn* Elf::get_scn(size_t index) {
         SETERR(ERR_FDCNTL);
         return nullptr;
     }
+    return makeScn(index);
+}
+
+Elf_Scn* Elf::makeScn(size_t index) {
     m_vScns[index] = std::make_unique<Elf_Scn>(this, static_cast<uint16_t>(index));
     Elf_Scn* scn = m_vScns[index].get();
     int r;
@@ -375,10 +372,10 @@ char* Elf::strptr(size_t section, size_t offset) {
         if (start + data.d_size < offset) continue;
         if (offset < start || !data.d_buf) break;
         char* p = static_cast<char*>(data.d_buf) + (offset - start);
-        // Bytes the library placed are checked for a terminating NUL: a
-        // string at the very end of a memory image would run past it.
-        const size_t readable = d->readableFrom(p);
-        if (readable != SIZE_MAX && (readable == 0 || !std::memchr(p, 0, readable))) break;
+        // A caller's own block is trusted; in bytes the library placed the
+        // string must end before them (a string at the very end of a memory
+        // image would run past it).
+        if (d->placed() && !d->terminates(p)) break;
         return p;
     }
     SETERR(ERR_NO_DATA_AT_OFFSET);
@@ -396,9 +393,7 @@ const char* Elf::sectionName(const Elf_Scn& scn) {
     const size_t off = scn.m_pShdr->sh_name;
     if (!d.m_data.d_buf || off >= d.m_data.d_size) return "";
     const char* p = static_cast<const char*>(d.m_data.d_buf) + off;
-    size_t limit = d.readableFrom(p);
-    if (limit == SIZE_MAX) limit = d.m_data.d_size - off;
-    return limit && std::memchr(p, 0, limit) ? p : "";
+    return d.terminates(p) ? p : "";
 }
 
 Elf32_Ehdr* Elf::new_header() {
@@ -434,22 +429,10 @@ Elf_Scn* Elf::new_scn() {
         SETERR(ERR_NO_EHDR);
         return nullptr;
     }
-    auto make = [this](size_t index) -> Elf_Scn* {
+    auto make = [this](size_t index) {
         m_newShdrs.emplace_back();  // zeroed header
         m_vScns.resize(shdrCount());
-        m_vScns[index] = std::make_unique<Elf_Scn>(this, static_cast<uint16_t>(index));
-        int r;
-        try {
-            r = m_vScns[index]->initialize();
-        } catch (...) {
-            m_vScns[index].reset();
-            throw;
-        }
-        if (r < 0) {
-            m_vScns[index].reset();
-            return nullptr;
-        }
-        return m_vScns[index].get();
+        return makeScn(index);
     };
     if (shdrCount() == 0) {
         if (!make(0)) {

@@ -88,9 +88,10 @@ public:
     bool foreign() const { return m_pEhdr && m_pEhdr->e_ident[EI_DATA] != DEFAULT_ENCODING; }
 
     // Where this descriptor's contents start in the file, and how many bytes
-    // they may span (the member's size, the file's or the image's).
+    // they may span (the member's size, the file's or the image's). A file
+    // may have grown since it was opened: `fresh` takes its size again.
     int64_t baseOffset() const;
-    uint64_t contentLimit();
+    uint64_t contentLimit(bool fresh = false);
 
     // Accounts for n more bytes of section data placed by this descriptor;
     // fails with code 4 when a hostile file would make the library place far
@@ -116,6 +117,9 @@ private:
     };
 
     void restoreImage() noexcept;
+    // Makes the descriptor of section `index` in its (empty) slot and reads
+    // it; null, with the slot empty again, on failure.
+    Elf_Scn* makeScn(size_t index);
 
     std::unique_ptr<FileDesc> m_ownedFile;
     std::unique_ptr<ArDesc> m_ownedAr;

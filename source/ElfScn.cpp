@@ -46,10 +46,7 @@ uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readab
     }
     // Sizes come from what the file holds, never from the header alone.
     uint64_t limit = elf->contentLimit();
-    if (!elf->isMember() && (off > limit || size > limit - off)) {
-        const int64_t now = elf->m_pFile->currentSize();
-        limit = now < 0 ? 0 : static_cast<uint64_t>(now);
-    }
+    if (off > limit || size > limit - off) limit = elf->contentLimit(true);
     if (off > limit || size > limit - off || size >= SIZE_MAX) {
         SETERR(ERR_READ);
         return nullptr;

@@ -56,22 +56,21 @@ void* GarbageCollector::allocate(size_t n) {
         SETERR(ERR_GC);
         return nullptr;
     }
-    bag b{nullptr, GT_BLOCK, n};
+    // Room was made above, so registering cannot fail.
     if (n >= kMapThreshold) {
         size_t mapped = 0;
-        b.block = mapLarge(n, mapped);
-        if (b.block) {
-            b.type = GT_MAPPED;
-            b.size = mapped;
+        if (void* p = mapLarge(n, mapped)) {
+            m_bags.push_back(bag{p, GT_MAPPED, mapped});
+            return p;
         }
     }
-    if (!b.block) b.block = std::malloc(n ? n : 1);
-    if (!b.block) {
+    void* p = std::malloc(n ? n : 1);
+    if (!p) {
         SETERR(ERR_NOMEM);
         return nullptr;
     }
-    m_bags.push_back(b);
-    return b.block;
+    pickUp(p);
+    return p;
 }
 
 bool GarbageCollector::pickUp(void* block, garbage_type type) {

@@ -25,11 +25,13 @@ inline constexpr Order kHost = Order::Little;
 inline Order other(Order o) { return o == Order::Little ? Order::Big : Order::Little; }
 inline const char* name(Order o) { return o == Order::Little ? "little" : "big"; }
 
+// Stores a `width`-byte number in order o at `at` (which must be inside).
+inline void putAt(uint8_t* at, uint64_t v, unsigned width, Order o) {
+    for (unsigned i = 0; i < width; ++i) at[i] = static_cast<uint8_t>(v >> (o == Order::Little ? 8 * i : 8 * (width - 1 - i)));
+}
 inline void put(Bytes& out, uint64_t v, unsigned width, Order o) {
-    for (unsigned i = 0; i < width; ++i) {
-        const unsigned shift = o == Order::Little ? 8 * i : 8 * (width - 1 - i);
-        out.push_back(static_cast<uint8_t>(v >> shift));
-    }
+    out.resize(out.size() + width);
+    putAt(out.data() + out.size() - width, v, width, o);
 }
 
 // One field of a record: its width in bytes (1, 2, 4 or 8) and value.

@@ -92,14 +92,11 @@ inline uint32_t get32(const Bytes& b, size_t at, Order o) {
     for (unsigned i = 0; i < 4; ++i) v |= static_cast<uint32_t>(b.at(at + i)) << (o == Order::Little ? 8 * i : 8 * (3 - i));
     return v;
 }
-inline void set32(Bytes& b, size_t at, uint32_t v, Order o) {
-    for (unsigned i = 0; i < 4; ++i) b.at(at + i) = static_cast<uint8_t>(v >> (o == Order::Little ? 8 * i : 8 * (3 - i)));
-}
 // Rewrites word `word` (0 = sh_name ... 10 = sh_extra) of section header
 // `index` in a built object of 44-byte section headers.
 inline void patchShdr(Bytes& file, Order o, size_t index, int word, uint32_t value) {
     const uint32_t shoff = get32(file, 32, o);
-    set32(file, shoff + 44 * index + 4 * static_cast<size_t>(word), value, o);
+    putAt(&file.at(shoff + 44 * index + 4 * static_cast<size_t>(word)), value, 4, o);
 }
 enum ShdrWord { kName = 0, kType = 1, kOffset = 4, kSize = 5 };
 
