@@ -1,22 +1,79 @@
 #!/bin/sh
-# Builds and runs every test: the library with g++ and with clang++, with
-# AddressSanitizer and UndefinedBehaviorSanitizer, and as a 32-bit library.
-set -eu
+# Builds and runs every test in four flavours: g++, g++ with AddressSanitizer
+# and UndefinedBehaviorSanitizer, a 32-bit build, and clang++. Every flavour
+# runs even when an earlier one failed; the script exits non-zero when any
+# configure, build or test failed, naming the flavour and showing what went
+# wrong. Logs stay in build/logs.
+set -u
 cd "$(dirname "$0")/.."
-scripts/packages.sh cmake make g++ clang binutils libgtest-dev libbenchmark-dev g++-multilib
+scripts/packages.sh cmake make g++ clang binutils libgtest-dev libbenchmark-dev g++-multilib || exit 1
 jobs=$(nproc)
+logs=build/logs
+mkdir -p "$logs"
+passed=0
+failed=0
+broken=""
 
-run() {  # run <build dir> <cmake options...>
-    dir=$1
+run() {  # run <flavour> <cmake options...>
+    flavour=$1
     shift
-    echo "== $dir"
-    cmake -S . -B "build/$dir" "$@" >/dev/null
-    cmake --build "build/$dir" -j"$jobs" >/dev/null
-    ctest --test-dir "build/$dir" -j"$jobs" --output-on-failure | tail -n 3
+    log=$logs/$flavour
+    if ! cmake -S . -B "build/$flavour" "$@" >"$log.configure" 2>&1; then
+        echo "== $flavour: configure FAILED"
+        tail -n 30 "$log.configure"
+        broken="$broken $flavour"
+        return
+    fi
+    if ! cmake --build "build/$flavour" -j"$jobs" >"$log.build" 2>&1; then
+        echo "== $flavour: build FAILED"
+        grep -E -A5 'error|Error ' "$log.build" | head -n 60
+        broken="$broken $flavour"
+        return
+    fi
+    ctest --test-dir "build/$flavour" -j"$jobs" --output-on-failure >"$log.test" 2>&1
+    status=$?
+    summary=$(grep -E '^[0-9]+% tests passed' "$log.test" | tail -n 1)
+    total=$(echo "$summary" | sed -n 's/.* out of \([0-9][0-9]*\).*/\1/p')
+    nfailed=$(echo "$summary" | sed -n 's/.*, \([0-9][0-9]*\) tests* failed.*/\1/p')
+    if [ -z "$total" ] || [ -z "$nfailed" ]; then
+        echo "== $flavour: tests did not run"
+        tail -n 30 "$log.test"
+        broken="$broken $flavour"
+        return
+    fi
+    passed=$((passed + total - nfailed))
+    failed=$((failed + nfailed))
+    if [ "$status" -ne 0 ] || [ "$nfailed" -ne 0 ]; then
+        echo "== $flavour: $nfailed of $total tests FAILED"
+        # The output of the failing tests, without the lines of those that
+        # passed or merely started.
+        grep -v -E '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed|^ +Start +[0-9]+: ' "$log.test" | tail -n 200
+        broken="$broken $flavour"
+    else
+        echo "== $flavour: $total tests passed"
+    fi
+}
+
+# 32-bit test programs run directly where the kernel allows it, and under
+# qemu's user-mode emulator where it does not.
+m32_emulator() {
+    probe=$logs/m32-probe
+    printf 'int main(void) { return 0; }\n' >"$probe.c"
+    if gcc -m32 "$probe.c" -o "$probe" >/dev/null 2>&1 && "$probe" >/dev/null 2>&1; then
+        return
+    fi
+    scripts/packages.sh qemu-user >&2 || return
+    echo "-DCMAKE_CROSSCOMPILING_EMULATOR=$(command -v qemu-i386)"
 }
 
 run gcc -DCMAKE_BUILD_TYPE=Release
 run sanitize -DCMAKE_BUILD_TYPE=Debug -DTAMO_SANITIZE=ON -DTAMO_BUILD_BENCH=OFF
-run m32 -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 -DTAMO_BUILD_BENCH=OFF
+# shellcheck disable=SC2046
+run m32 -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 -DTAMO_BUILD_BENCH=OFF $(m32_emulator)
 CC=clang CXX=clang++ run clang -DCMAKE_BUILD_TYPE=Release -DTAMO_BUILD_BENCH=OFF
-echo "all tests passed"
+
+echo "$passed passed, $failed failed"
+if [ -n "$broken" ]; then
+    echo "FAILED:$broken"
+    exit 1
+fi

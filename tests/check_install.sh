@@ -1,12 +1,14 @@
 #!/bin/sh
 # Installs the library into a scratch prefix and builds two clients against
 # it: a C program through pkg-config, and a CMake project through
-# find_package(tamoelf) and tamoelf::tamoelf. Both run.
-# Usage: check_install.sh BUILD_DIR C_COMPILER "C_FLAGS"
+# find_package(tamoelf) and tamoelf::tamoelf. Both run (through EMULATOR
+# when one is given, as for 32-bit clients on a host that cannot run them).
+# Usage: check_install.sh BUILD_DIR C_COMPILER "C_FLAGS" [EMULATOR]
 set -eu
 build=$1
 cc=$2
 cflags=$3
+emulator=${4:-}
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
@@ -28,7 +30,8 @@ libdir=$(dirname "$pcdir")
 flags=$(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs tamoelf)
 # shellcheck disable=SC2086
 "$cc" $cflags "$tmp/client.c" $flags -o "$tmp/client-pc"
-LD_LIBRARY_PATH="$libdir" "$tmp/client-pc"
+# shellcheck disable=SC2086
+LD_LIBRARY_PATH="$libdir" $emulator "$tmp/client-pc"
 
 mkdir "$tmp/cmake-client"
 cp "$tmp/client.c" "$tmp/cmake-client/"
@@ -42,5 +45,6 @@ CM
 CC="$cc" cmake -S "$tmp/cmake-client" -B "$tmp/cmake-build" -DCMAKE_PREFIX_PATH="$tmp/prefix" \
     -DCMAKE_C_FLAGS="$cflags" >/dev/null
 cmake --build "$tmp/cmake-build" >/dev/null
-"$tmp/cmake-build/client"
+# shellcheck disable=SC2086
+$emulator "$tmp/cmake-build/client"
 echo "installed library usable through pkg-config and find_package"
