@@ -50,8 +50,18 @@ typedef struct Elf_Scn Elf_Scn;
 /* Enumerations and constants                                              */
 /* ---------------------------------------------------------------------- */
 
+/* C callers may pass any int where the interface takes an enumeration (the
+ * library answers values outside the named ones with an error code). In C++
+ * the enumerations therefore have a fixed int underlying type, so that every
+ * int value is a valid value of the type; in C they are int-sized anyway. */
+#ifdef __cplusplus
+#define TAMO_ENUM_INT : int
+#else
+#define TAMO_ENUM_INT
+#endif
+
 /** Kind of a descriptor. A member of an archive reports ELF_K_AR as well. */
-typedef enum {
+typedef enum TAMO_ENUM_INT {
     ELF_K_NONE = 0,
     ELF_K_AR = 1,
     ELF_K_ELF = 3
@@ -59,7 +69,7 @@ typedef enum {
 
 /** Commands of tamo_elf_begin, tamo_elf_update, tamo_elf_cntl and the flag
  * functions. */
-typedef enum {
+typedef enum TAMO_ENUM_INT {
     ELF_C_NULL = 0,
     ELF_C_READ = 1,
     ELF_C_WRITE = 2,
@@ -76,7 +86,7 @@ typedef enum {
 
 /** Data types of Elf_Data.d_type; every unit has the same size in memory and
  * in the file (tamo_elf32_fsize). Values 13 to 19 are this library's own. */
-typedef enum {
+typedef enum TAMO_ENUM_INT {
     ELF_T_BYTE = 0,
     ELF_T_ADDR = 1,
     ELF_T_DYN = 2,
@@ -405,7 +415,8 @@ TAMO_API size_t tamo_elf_rand(Elf* elf, size_t offset);
 /** A member's parsed archive header. */
 TAMO_API Elf_Arhdr* tamo_elf_getarhdr(Elf* elf);
 
-/** The archive symbol table (count entries, no terminator). */
+/** The archive symbol table: count entries, then one more whose as_name is
+ * null (as_off 0, as_hash all ones) for loops that walk to a terminator. */
 TAMO_API Elf_Arsym* tamo_elf_getarsym(Elf* elf, size_t* count);
 
 /* ---------------------------------------------------------------------- */

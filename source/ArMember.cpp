@@ -1,5 +1,6 @@
 #include "ArMember.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "ArDesc.h"
@@ -28,44 +29,51 @@ int32_t parseDecimal(const char* s) {
     return static_cast<int32_t>(v);
 }
 
-// Reads a 4-byte group; false with code 8 (read failed) or 16 (end of file).
-bool group(FileWindow& file, int64_t off, const uint8_t** p) {
-    const long n = file.fetch(off, 4, p);
+// Reads a 4-byte group of the name field into g; false with code 8 (the read
+// failed) or 16 (end of file). A group cut short by the end of the file
+// counts as 4 bytes, its missing bytes as NUL.
+bool group(FileWindow& file, int64_t off, uint8_t (&g)[4]) {
+    const uint8_t* p;
+    const long n = file.fetch(off, 4, &p);
     if (n < 0) {
         SETERR(ERR_READ);
         return false;
     }
-    if (n < 4) {
+    if (n == 0) {
         SETERR(ERR_AR_EOF, "readArHdr");
         return false;
     }
+    std::memset(g, 0, sizeof g);
+    std::memcpy(g, p, static_cast<size_t>(n));
     return true;
 }
 
 }  // namespace
 
 long readArHdr(FileWindow& file, long offset, ArHeader& out) {
-    const uint8_t* p;
+    uint8_t g[4];
     int64_t pos = offset;
     // The name field: groups of 4 up to the first that holds a '/', then
     // every following group of four spaces.
     do {
-        if (!group(file, pos, &p)) return -1;
+        if (!group(file, pos, g)) return -1;
         pos += 4;
-    } while (!std::memchr(p, '/', 4));
+    } while (!std::memchr(g, '/', 4));
     for (;;) {
-        if (!group(file, pos, &p)) return -1;
-        if (std::memcmp(p, "    ", 4) != 0) break;
+        if (!group(file, pos, g)) return -1;
+        if (std::memcmp(g, "    ", 4) != 0) break;
         pos += 4;
     }
     const size_t nameLen = static_cast<size_t>(pos - offset);
 
+    // The name field lies before a byte that was read, so it is all there.
+    const uint8_t* p;
     out.rawName.resize(nameLen);
     for (size_t done = 0; done < nameLen;) {
-        const size_t chunk = std::min<size_t>(nameLen - done, 4096);
+        const size_t chunk = std::min<size_t>(nameLen - done, FileWindow::kCapacity);
         const long n = file.fetch(offset + static_cast<int64_t>(done), chunk, &p);
         if (n < static_cast<long>(chunk)) {
-            SETERR(n < 0 ? ERR_READ : ERR_AR_EOF, n < 0 ? nullptr : "readArHdr");
+            SETERR(ERR_READ);
             return -1;
         }
         std::memcpy(&out.rawName[done], p, chunk);
@@ -73,13 +81,17 @@ long readArHdr(FileWindow& file, long offset, ArHeader& out) {
     }
     out.name = out.rawName.substr(0, out.rawName.find('/'));
 
+    // The fixed part is read as far as the file goes (its trailer is not
+    // examined); what is missing reads as spaces, and the member's data then
+    // start at the end of the file.
     const long n = file.fetch(pos, 44, &p);
-    if (n < 44) {
-        SETERR(n < 0 ? ERR_READ : ERR_AR_EOF, n < 0 ? nullptr : "readArHdr");
+    if (n < 0) {
+        SETERR(ERR_READ);
         return -1;
     }
     char fixed[45];
-    std::memcpy(fixed, p, 44);
+    std::memset(fixed, ' ', 44);
+    std::memcpy(fixed, p, static_cast<size_t>(n));
     fixed[44] = '\0';
     out.hdr.ar_date = parseDecimal(fixed + 0);
     out.hdr.ar_uid = parseDecimal(fixed + 12);
@@ -88,7 +100,7 @@ long readArHdr(FileWindow& file, long offset, ArHeader& out) {
     out.hdr.ar_size = parseDecimal(fixed + 32);
     out.hdr.ar_name = out.name.data();
     out.hdr.ar_rawname = out.rawName.data();
-    return static_cast<long>(pos + 44);
+    return static_cast<long>(pos + n);
 }
 
 }  // namespace tamo

@@ -56,7 +56,10 @@ long ArSymTab::initialize(long offset, long size) {
     // name end inside it.
     m_names.assign(c.here(), c.here() + c.remaining());
     Cursor names(reinterpret_cast<const uint8_t*>(m_names.data()), m_names.size());
-    m_entries.resize(n);
+    // One record more than the table holds, with a null name, ends the
+    // array for callers that walk it to a terminator.
+    m_entries.resize(static_cast<size_t>(n) + 1);
+    m_entries[n] = Elf_Arsym{nullptr, 0, ~0u};
     for (uint32_t i = 0; i < n; ++i) {
         const char* name = names.cstr();
         m_entries[i].as_name = const_cast<char*>(name);

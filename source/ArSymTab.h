@@ -20,8 +20,8 @@ public:
     // Reverses 4 bytes (type ELF_T_BYTE only; 38 otherwise).
     int swap(char* src, char* dst, Elf_Type type);
 
-    // Never null, also for a table of no symbols.
-    Elf_Arsym* entries() { return m_entries.empty() ? &m_none : m_entries.data(); }
+    // count() records and a terminating one whose as_name is null.
+    Elf_Arsym* entries() { return m_entries.data(); }
     uint32_t count() const { return m_count; }
 
 private:
@@ -29,10 +29,9 @@ private:
     std::vector<Elf_Arsym> m_entries;
     std::vector<char> m_names;
     uint32_t m_count = 0;
-    Elf_Arsym m_none{};
 };
 
 namespace tamo {
 // The System V ABI's ELF hash.
 uint32_t elfHash(const char* name);
-}
+}  // namespace tamo

@@ -258,10 +258,13 @@ Elf_Scn* Elf::makeScn(size_t index) {
     try {
         r = scn->initialize();
     } catch (...) {
+        m_placedBytes -= scn->m_charged;
         m_vScns[index].reset();  // no half-made descriptor stays behind
         throw;
     }
     if (r < 0) {
+        // Only what stays placed counts against the budget.
+        m_placedBytes -= scn->m_charged;
         m_vScns[index].reset();
         return nullptr;
     }
@@ -406,8 +409,10 @@ Elf32_Ehdr* Elf::new_header() {
         return nullptr;
     }
     if (m_pEhdr) {
-        // A header made here has class 0 until layout fills it in.
-        if (m_pEhdr->e_ident[EI_CLASS] != ELFCLASS32 && m_pEhdr->e_ident[EI_CLASS] != 0) {
+        // A header made here has class 0 until layout fills it in; one read
+        // from a file must say ELFCLASS32.
+        const unsigned char cls = m_pEhdr->e_ident[EI_CLASS];
+        if (cls != ELFCLASS32 && !(m_bEhdrMade && cls == 0)) {
             SETERR(ERR_EI_CLASS);
             return nullptr;
         }
@@ -416,6 +421,7 @@ Elf32_Ehdr* Elf::new_header() {
     m_ownedEhdr = std::make_unique<Elf32_Ehdr>();
     m_pEhdr = m_ownedEhdr.get();
     m_pEhdr->e_ident[EI_DATA] = static_cast<unsigned char>(DEFAULT_ENCODING);
+    m_bEhdrMade = true;
     m_bDirty = TRUEVAL;
     return m_pEhdr;
 }

@@ -32,6 +32,9 @@ public:
     int m_bDirty = 0;
     int m_bLayout = 0;
     Elf_Cmd m_fdState = ELF_C_NULL;
+    // The header was made by tamo_elf32_newehdr (its class byte stays 0
+    // until layout fills it in), not read from the file.
+    bool m_bEhdrMade = false;
 
     // An ELF file on f; the descriptor owns f.
     Elf(std::unique_ptr<FileDesc> f, Elf_Cmd cmd);

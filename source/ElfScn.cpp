@@ -20,30 +20,58 @@ Elf_Scn::~Elf_Scn() {
     m_lMagicNum = 0;
 }
 
-void Elf_Scn::destroy() { m_vData.clear(); }
+void Elf_Scn::destroy() {
+    m_vData.clear();
+}
+
+bool Elf_Scn::charge(uint64_t n) {
+    if (!m_pElf->chargeSectionBytes(n)) return false;
+    m_charged += n;
+    return true;
+}
 
 uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readable) {
     Elf* elf = m_pElf;
     const uint64_t off = sh.sh_offset;
     const uint64_t size = sh.sh_size;
+    const bool image = elf->m_kind == ELF_K_ELF && elf->onImage();
 
-    if (elf->m_kind == ELF_K_ELF && elf->onImage()) {
+    if (image && !elf->m_pFile->m_pImage) {
+        SETERR(ERR_IMAGE_BASE);
+        return nullptr;
+    }
+    if (!image && elf->m_kind == ELF_K_AR && !elf->isMember()) {
+        SETERR(ERR_DESC_TYPE);
+        return nullptr;
+    }
+    if (size == 0) {
+        // An empty section needs no bytes wherever its offset points: it
+        // reads as an empty block (inside the image when the offset is).
+        inImage = image && off <= elf->m_pFile->m_imageSize;
+        if (inImage) {
+            readable = static_cast<size_t>(elf->m_pFile->m_imageSize - off);
+            return reinterpret_cast<uint8_t*>(elf->m_pFile->m_pImage + off);
+        }
+        auto* buf = static_cast<uint8_t*>(m_gc.allocate(1));
+        if (!buf) return nullptr;
+        buf[0] = 0;
+        readable = 1;
+        return buf;
+    }
+
+    if (image) {
         char* base = elf->m_pFile->m_pImage;
         const uint64_t imageSize = elf->m_pFile->m_imageSize;
-        if (!base || off > imageSize || size > imageSize - off) {
+        if (off > imageSize || size > imageSize - off) {
             SETERR(ERR_IMAGE_BASE);
             return nullptr;
         }
-        if (!elf->chargeSectionBytes(size)) return nullptr;
+        if (!charge(size)) return nullptr;
         inImage = true;
         readable = static_cast<size_t>(imageSize - off);
         return reinterpret_cast<uint8_t*>(base + off);
     }
 
-    if (elf->m_kind == ELF_K_AR && !elf->isMember()) {
-        SETERR(ERR_DESC_TYPE);
-        return nullptr;
-    }
     // Sizes come from what the file holds, never from the header alone.
     uint64_t limit = elf->contentLimit();
     if (off > limit || size > limit - off) limit = elf->contentLimit(true);
@@ -51,7 +79,7 @@ uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readab
         SETERR(ERR_READ);
         return nullptr;
     }
-    if (!elf->chargeSectionBytes(size)) return nullptr;
+    if (!charge(size)) return nullptr;
     if (!seekSet(elf->fd(), elf->baseOffset() + static_cast<int64_t>(off), "Elf_Scn::initialize")) return nullptr;
 
     // One byte more than the section, always NUL, so that no string found in
@@ -72,7 +100,7 @@ uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readab
 uint8_t* Elf_Scn::reshape(uint8_t* bytes, uint32_t srcSize, uint32_t dstSize, size_t& readable) {
     const uint64_t records = m_pShdr->sh_size / srcSize;
     const uint64_t newSize = records * dstSize;
-    if (!m_pElf->chargeSectionBytes(newSize)) return nullptr;
+    if (!charge(newSize)) return nullptr;
     auto* out = static_cast<uint8_t*>(m_gc.allocate(static_cast<size_t>(newSize) + 1));
     if (!out) return nullptr;
     std::memset(out, 0, static_cast<size_t>(newSize) + 1);

@@ -22,6 +22,9 @@ public:
     int m_bDirty = 0;
     std::vector<std::unique_ptr<DataDesc>> m_vData;
     GarbageCollector m_gc;
+    // Section bytes this section placed, charged to its ELF descriptor's
+    // budget; given back when the section's initialisation fails.
+    uint64_t m_charged = 0;
 
     Elf_Scn(Elf* owner, uint16_t index);
     ~Elf_Scn();
@@ -42,6 +45,7 @@ public:
     DataDesc* new_data();
 
 private:
+    bool charge(uint64_t n);
     // Places sh_size bytes for the section and returns them, or null.
     uint8_t* placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readable);
     // Rebuilds COFF records of srcSize bytes as dstSize bytes in a new buffer.

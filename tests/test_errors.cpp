@@ -7,8 +7,11 @@
 #include <string>
 #include <utility>
 
+#include <unistd.h>
+
 #include "Builder.h"
 #include "ErrHndr.h"
+#include "Samples.h"
 #include "tamoelf.h"
 
 namespace {
@@ -118,6 +121,52 @@ TEST(Errors, SuccessesDoNotClearTheCode) {
     tamo::SETERR(tamo::ERR_KIND);
     EXPECT_EQ(tamo_elf32_fsize(ELF_T_WORD, 2, 1), 8u);
     EXPECT_EQ(tamo_elf_errno(), 6);
+}
+
+TEST(Errors, CommandsAndTypesOutsideTheEnumerations) {
+    // C callers pass any int; each entry answers a value outside its
+    // enumeration with its own code (and the sanitizer build checks that no
+    // such value is undefined behaviour).
+    testkit::initLibrary();
+    testkit::MemFile f(testkit::memberObject(testkit::Order::Big, 1));
+    const auto cmd = [](int v) { return static_cast<Elf_Cmd>(v); };
+    for (int bad : {9, -1, 1000}) {
+        lseek(f.fd(), 0, SEEK_SET);
+        EXPECT_EQ(tamo_elf_begin(f.fd(), cmd(bad), nullptr), nullptr);
+        EXPECT_EQ(tamo_elf_errno(), 39) << bad;
+    }
+    lseek(f.fd(), 0, SEEK_SET);
+    Elf* elf = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+    ASSERT_NE(elf, nullptr);
+    Elf_Scn* scn = tamo_elf_getscn(elf, 1);
+    Elf_Data* data = tamo_elf_getdata(scn, nullptr);
+    ASSERT_NE(data, nullptr);
+    for (int bad : {9, -1}) {
+        EXPECT_EQ(tamo_elf_cntl(elf, cmd(bad)), -1);
+        EXPECT_EQ(tamo_elf_errno(), 85);
+        EXPECT_EQ(tamo_elf_update(elf, cmd(bad)), -1);
+        EXPECT_EQ(tamo_elf_errno(), 65);
+        EXPECT_EQ(tamo_elf_flagelf(elf, cmd(bad), ELF_F_DIRTY), 0u);
+        EXPECT_EQ(tamo_elf_errno(), 84);
+        EXPECT_EQ(tamo_elf_flagscn(scn, cmd(bad), ELF_F_DIRTY), 0u);
+        EXPECT_EQ(tamo_elf_errno(), 84);
+        EXPECT_EQ(tamo_elf_flagdata(data, cmd(bad), ELF_F_DIRTY), 0u);
+        EXPECT_EQ(tamo_elf_errno(), 84);
+    }
+    for (int bad : {20, 25, -1}) {
+        EXPECT_EQ(tamo_elf32_fsize(static_cast<Elf_Type>(bad), 1, EV_CURRENT), 0u);
+        EXPECT_EQ(tamo_elf_errno(), 67) << bad;
+        uint8_t out[8];
+        Elf_Data dst{};
+        dst.d_buf = out;
+        dst.d_size = sizeof out;
+        const Elf_Type saved = data->d_type;
+        data->d_type = static_cast<Elf_Type>(bad);
+        EXPECT_EQ(tamo_elf32_xlatetom(&dst, data, ELFDATA2MSB), nullptr);
+        EXPECT_EQ(tamo_elf_errno(), 67) << bad;
+        data->d_type = saved;
+    }
+    tamo_elf_end(elf);
 }
 
 }  // namespace

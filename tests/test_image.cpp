@@ -317,4 +317,61 @@ TEST(Malformed, OverlappingSectionsAreBounded) {
     }
 }
 
+TEST(Malformed, FailedSectionsLeaveThePlacementBudget) {
+    // A refused section (type 25) over the whole of a large one, asked for
+    // again and again: it fails with its own code every time, and the large
+    // section can still be had afterwards.
+    initLibrary();
+    for (Access a : {Access::File, Access::Image}) {
+        ObjectBuilder b(Order::Big);
+        size_t big = b.add({.name = ".big", .type = SHT_HASH, .align = 4, .content = Fields(100000, Field{4, 7})});
+        b.build();
+        size_t bad = b.add({.name = ".bad", .type = 25, .forceOffset = b.offsetOf(big), .forceSize = 400000});
+        Bytes file = b.build();
+        Opened o(file, a);
+        ASSERT_NE(o.elf(), nullptr);
+        for (int i = 0; i < 40; ++i) {
+            EXPECT_EQ(o.scn(bad), nullptr);
+            ASSERT_EQ(tamo_elf_errno(), 28) << name(a) << " attempt " << i;
+        }
+        Elf_Data* d = o.data(big);
+        ASSERT_NE(d, nullptr) << name(a) << ": " << tamo_elf_errmsg(tamo_elf_errno());
+        EXPECT_EQ(d->d_size, 400000u);
+    }
+}
+
+TEST(Malformed, EmptySectionsNeedNoBytes) {
+    // A section of size 0 whose offset lies past the end of its input reads
+    // as an empty block, in a file, an image and an archive member.
+    initLibrary();
+    for (Order order : {Order::Little, Order::Big}) {
+        ObjectBuilder b(order);
+        size_t empty = b.add({.name = ".empty", .type = SHT_PROGBITS, .forceOffset = 0x7ffffff0, .forceSize = 0});
+        size_t after = b.add({.name = ".hash", .type = SHT_HASH, .content = words({3})});
+        Bytes file = b.build();
+        auto check = [&](Elf* elf, const char* how) {
+            ASSERT_NE(elf, nullptr) << how;
+            Elf_Scn* scn = tamo_elf_getscn(elf, empty);
+            ASSERT_NE(scn, nullptr) << how << ": " << tamo_elf_errmsg(tamo_elf_errno());
+            Elf_Data* d = tamo_elf_getdata(scn, nullptr);
+            ASSERT_NE(d, nullptr) << how;
+            EXPECT_EQ(d->d_size, 0u) << how;
+            EXPECT_EQ(tamo_elf_nextscn(elf, scn), tamo_elf_getscn(elf, after)) << how;
+            EXPECT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0) << how;
+        };
+        for (Access a : {Access::File, Access::Image}) {
+            Opened o(file, a);
+            check(o.elf(), name(a));
+        }
+        ArchiveBuilder ar(order);
+        ar.withSymbolTable = false;
+        ar.addMember({.name = "a.o", .data = file});
+        MemFile f(ar.build());
+        Elf* archive = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+        ASSERT_NE(archive, nullptr);
+        check(tamo_elf_begin(f.fd(), ELF_C_READ, archive), "member");
+        tamo_elf_end(archive);
+    }
+}
+
 }  // namespace

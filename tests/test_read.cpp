@@ -95,8 +95,7 @@ TEST_P(ReadBoth, EveryRecordTypeInHostOrder) {
     for (Expect e : {Expect{s.text, ELF_T_BYTE}, Expect{s.strtab, ELF_T_BYTE}, Expect{s.symtab, ELF_T_SYM},
                      Expect{s.rela, ELF_T_RELA}, Expect{s.rel, ELF_T_REL}, Expect{s.hash, ELF_T_WORD},
                      Expect{s.dynamic, ELF_T_DYN}, Expect{s.sixword, ELF_T_SIXWORD}, Expect{s.offs, ELF_T_OFF},
-                     Expect{s.threeword, ELF_T_THREEWORD}, Expect{s.own12, ELF_T_BYTE},
-                     Expect{s.note, ELF_T_BYTE}}) {
+                     Expect{s.threeword, ELF_T_THREEWORD}, Expect{s.own12, ELF_T_BYTE}, Expect{s.note, ELF_T_BYTE}}) {
         const Section& want = s.section(e.index);
         Elf_Data* d = o.data(e.index);
         ASSERT_NE(d, nullptr) << want.name;
@@ -337,6 +336,46 @@ TEST(Read, ReadWriteDescriptorsShareTheirActivation) {
     EXPECT_EQ(tamo_elf_end(elf), 0);
     close(fd);
     unlink(path);
+}
+
+TEST(Read, NewHeaderChecksTheClassOfAFilesHeader) {
+    // tamo_elf32_newehdr returns a header read from the file only when its
+    // class byte says ELFCLASS32; one the library made has class 0 until
+    // layout and comes back unchanged.
+    initLibrary();
+    for (uint8_t cls : {0, 1, 2}) {
+        Bytes file = memberObject(Order::Big, 1);
+        file[EI_CLASS] = cls;
+        char path[] = "/tmp/tamoelf-class-XXXXXX";
+        int fd = mkstemp(path);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(write(fd, file.data(), file.size()), static_cast<ssize_t>(file.size()));
+        lseek(fd, 0, SEEK_SET);
+        Elf* elf = tamo_elf_begin(fd, ELF_C_RDWR, nullptr);
+        ASSERT_NE(elf, nullptr);
+        tamo_elf_errno();
+        Elf32_Ehdr* h = tamo_elf32_newehdr(elf);
+        if (cls == ELFCLASS32) {
+            EXPECT_EQ(h, tamo_elf32_getehdr(elf));
+            EXPECT_EQ(tamo_elf_errno(), 0);
+        } else {
+            EXPECT_EQ(h, nullptr) << int(cls);
+            EXPECT_EQ(tamo_elf_errno(), 45) << int(cls);
+        }
+        tamo_elf_end(elf);
+        close(fd);
+        unlink(path);
+    }
+    MemFile f(Bytes{});
+    Elf* elf = tamo_elf_begin(f.fd(), ELF_C_WRITE, nullptr);
+    Elf32_Ehdr* made = tamo_elf32_newehdr(elf);
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(made->e_ident[EI_CLASS], 0);
+    EXPECT_EQ(tamo_elf32_newehdr(elf), made);
+    made->e_ident[EI_CLASS] = 2;
+    EXPECT_EQ(tamo_elf32_newehdr(elf), nullptr);
+    EXPECT_EQ(tamo_elf_errno(), 45);
+    tamo_elf_end(elf);
 }
 
 TEST(Read, NewFileDescriptorReadsNothing) {
