@@ -174,16 +174,16 @@ void swapEhdr(const uint8_t* src, uint8_t* dst) {
     for (uint8_t off : kWords) swapField4(src + off, dst + off);
 }
 
-void swapLnRela(const uint8_t* src, uint8_t* dst, uint32_t from, uint32_t to) {
-    uint32_t off = bswap32(loadRaw<uint32_t>(src));
-    storeRaw(dst, static_cast<uint32_t>(off / from * to));
+// A relocation against a COFF line-number section: r_offset is rescaled
+// from `from`-byte to `to`-byte records, computed on its host-order value
+// (the source's when it is in host order, else the converted one).
+void swapLnRela(const uint8_t* src, uint8_t* dst, uint32_t from, uint32_t to, bool srcNative) {
+    const uint32_t raw = loadRaw<uint32_t>(src);
+    const uint32_t off = srcNative ? raw : bswap32(raw);
+    const uint32_t scaled = off / from * to;
+    storeRaw(dst, srcNative ? bswap32(scaled) : scaled);
     swapField4(src + 4, dst + 4);
     swapField4(src + 8, dst + 8);
-}
-
-void lineInfoUnit(uint8_t* src, uint8_t* dst) {
-    ByteSwap::swap_line_info(src);
-    if (dst != src) std::memcpy(dst, src, 6);
 }
 
 CoffLink linkOf(const uint8_t* unit) {
@@ -195,20 +195,32 @@ CoffLink linkOf(const uint8_t* unit) {
     return l;
 }
 
-// One 18-byte COFF unit: an auxiliary entry when the unit before it had
-// auxiliary entries, else a symbol entry. Converted in place in src, then
-// copied; the link remembers this unit's fields in host order.
-void symentUnit(uint8_t* src, uint8_t* dst, CoffLink& link, bool srcNative) {
+// One 18-byte COFF unit, converted in place: an auxiliary entry when the
+// unit before it had auxiliary entries, else a symbol entry. The link
+// remembers this unit's fields in host order.
+void symentUnit(uint8_t* p, CoffLink& link, bool srcNative) {
     const bool isAux = link.valid && link.numaux != 0;
     CoffLink next;
-    if (srcNative) next = linkOf(src);
+    if (srcNative) next = linkOf(p);
     if (isAux)
-        ByteSwap::swap_aux_entry(src, link);
+        ByteSwap::swap_aux_entry(p, link);
     else
-        ByteSwap::swap_symtab_entry(src);
-    if (!srcNative) next = linkOf(src);
-    if (dst != src) std::memcpy(dst, src, 18);
+        ByteSwap::swap_symtab_entry(p);
+    if (!srcNative) next = linkOf(p);
     link = next;
+}
+
+// COFF records are converted in place; between buffers the destination
+// gets a copy first, so the source is never changed.
+void coffRecords(uint8_t* src, uint8_t* dst, Elf_Type type, size_t count, CoffLink& link, bool srcNative) {
+    const size_t unit = unitSize(type);
+    if (src != dst && count) std::memmove(dst, src, count * unit);
+    for (size_t i = 0; i < count; ++i) {
+        if (type == ELF_T_LINENO)
+            ByteSwap::swap_line_info(dst + i * unit);
+        else
+            symentUnit(dst + i * unit, link, srcNative);
+    }
 }
 
 bool isWordShaped(Elf_Type type) {
@@ -261,16 +273,14 @@ long convert(uint8_t* src, uint8_t* dst, Elf_Type type, size_t count, CoffLink& 
         for (size_t i = 0; i < count; ++i) swapEhdr(src + i * unit, dst + i * unit);
         break;
     case ELF_T_LINENO:
-        for (size_t i = 0; i < count; ++i) lineInfoUnit(src + i * unit, dst + i * unit);
-        break;
     case ELF_T_SYMENT:
-        for (size_t i = 0; i < count; ++i) symentUnit(src + i * unit, dst + i * unit, link, srcNative);
+        coffRecords(src, dst, type, count, link, srcNative);
         break;
     case ELF_T_LNRELA_6TO8:
-        for (size_t i = 0; i < count; ++i) swapLnRela(src + i * unit, dst + i * unit, 6, 8);
+        for (size_t i = 0; i < count; ++i) swapLnRela(src + i * unit, dst + i * unit, 6, 8, srcNative);
         break;
     case ELF_T_LNRELA_8TO6:
-        for (size_t i = 0; i < count; ++i) swapLnRela(src + i * unit, dst + i * unit, 8, 6);
+        for (size_t i = 0; i < count; ++i) swapLnRela(src + i * unit, dst + i * unit, 8, 6, srcNative);
         break;
     default:
         SETERR(ERR_SWAP_TYPE);
@@ -339,14 +349,37 @@ void ByteSwap::UnsignedUnitSwap(char* src, char* dst, int n) {
 }
 
 int ByteSwap::TypeUnitSwap(char* src, char* dst, Elf_Type type) {
-    long r = convert(reinterpret_cast<uint8_t*>(src), reinterpret_cast<uint8_t*>(dst), type, 1, g_unitLink,
-                     /*srcNative=*/false);
-    return r < 0 ? -1 : static_cast<int>(unitSize(type));
+    auto* s = reinterpret_cast<uint8_t*>(src);
+    auto* d = reinterpret_cast<uint8_t*>(dst);
+    // A COFF unit is converted where it stands in the source and then
+    // copied, so that both buffers end converted.
+    const bool coff = type == ELF_T_LINENO || type == ELF_T_SYMENT;
+    const long r = convert(s, coff ? s : d, type, 1, g_unitLink, /*srcNative=*/false);
+    if (r < 0) return -1;
+    if (coff && d && s != d) std::memcpy(d, s, unitSize(type));
+    return static_cast<int>(unitSize(type));
 }
 
 long ByteSwap::swapBlock(char* src, char* dst, Elf_Type type, size_t count, bool srcNative) {
     CoffLink link;
     return convert(reinterpret_cast<uint8_t*>(src), reinterpret_cast<uint8_t*>(dst), type, count, link, srcNative);
+}
+
+long ByteSwap::reshapeBlock(const char* src, char* dst, Elf_Type type, size_t count, size_t srcStride,
+                            size_t dstStride, bool doConvert, bool srcNative) {
+    if (!src || !dst || static_cast<uint32_t>(type) >= ELF_T_NUM || srcStride == 0 || dstStride == 0) {
+        SETERR(ERR_DESC_TYPE);
+        return -1;
+    }
+    const size_t keep = srcStride < dstStride ? srcStride : dstStride;
+    CoffLink link;
+    for (size_t i = 0; i < count; ++i) {
+        auto* d = reinterpret_cast<uint8_t*>(dst) + i * dstStride;
+        std::memmove(d, src + i * srcStride, keep);
+        if (dstStride > keep) std::memset(d + keep, 0, dstStride - keep);
+        if (doConvert && convert(d, d, type, 1, link, srcNative) < 0) return -1;
+    }
+    return static_cast<long>(count);
 }
 
 void ByteSwap::swap_line_info(uint8_t* p) {

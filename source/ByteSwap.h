@@ -49,11 +49,21 @@ public:
     static int TypeUnitSwap(char* src, char* dst, Elf_Type type);
 
     // Converts count consecutive units of one type from src into dst (equal
-    // or disjoint buffers). srcNative tells whether src holds host order,
-    // which COFF symbol records need to read the fields that classify the
-    // next record. Returns count, or -1 with the code set; a failure happens
-    // before any byte is written.
+    // or disjoint buffers; a distinct source is never changed). srcNative
+    // tells whether src holds host order, which COFF symbol records need to
+    // read the fields that classify the next record and line-number
+    // relocations to rescale their offsets. Returns count, or -1 with the
+    // code set; a failure happens before any byte is written.
     static long swapBlock(char* src, char* dst, Elf_Type type, size_t count, bool srcNative);
+
+    // Copies count records from srcStride-byte to dstStride-byte slots
+    // (keeping the first min(srcStride, dstStride) bytes, zero-padding the
+    // rest), converting each one as a unit of `type` when doConvert is set:
+    // COFF records between their 6/18-byte form in memory and the 8/20-byte
+    // form of big-endian files. src and dst must not overlap. Returns count
+    // or -1.
+    static long reshapeBlock(const char* src, char* dst, Elf_Type type, size_t count, size_t srcStride,
+                             size_t dstStride, bool doConvert, bool srcNative);
 
     // COFF records, converted in place.
     static void swap_line_info(uint8_t* lineno);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "ByteSwap.h"
 #include "ElfDesc.h"
@@ -165,9 +166,19 @@ SwapPlan DataDesc::plan(Elf_Type type, bool toFile, bool force) {
     return p;
 }
 
-long DataDesc::execute(const SwapPlan& p, char* src, char* dst) {
+long DataDesc::execute(const SwapPlan& p, char* src, char* dst, bool writing) {
     if (p.dwarf) {
-        dwarfConvert(p.name, src, dst, m_data.d_size, m_pScn->m_pElf, p.srcNative);
+        Elf* elf = m_pScn->m_pElf;
+        if (writing) {
+            // The abbreviations as they are, without reading (and so making)
+            // sections while the image is being built.
+            std::vector<uint8_t> scratch;
+            AbbrevBytes abbrev{nullptr, 0};
+            abbrev.data = elf->peekSection(".debug_abbrev", abbrev.size, scratch);
+            dwarfConvert(p.name, src, dst, m_data.d_size, elf, p.srcNative, &abbrev);
+        } else {
+            dwarfConvert(p.name, src, dst, m_data.d_size, elf, p.srcNative);
+        }
         return static_cast<long>(p.count);
     }
     if (p.type == ELF_T_BYTE) {

@@ -55,9 +55,20 @@ public:
     // when the policy converts nothing, -1 on failure.
     int swap(char* src, char* dst, Elf_Type type, bool toFile, bool force);
 
-    // The two halves of swap: the policy decision, and carrying it out.
+    // The two halves of swap: the policy decision, and carrying it out
+    // (`writing`: into an image being built, whose DWARF conversion must not
+    // read sections).
     SwapPlan plan(Elf_Type type, bool toFile, bool force);
-    long execute(const SwapPlan& plan, char* src, char* dst);
+    long execute(const SwapPlan& plan, char* src, char* dst, bool writing = false);
+
+    // Layout of the piece from section position pos, which moves past it;
+    // returns d_align or -1.
+    long update(uint64_t& pos);
+    // Writes the piece into the image at sectionOffset + d_off; secPos moves
+    // past it. Returns d_size or -1.
+    long write2buff(char* buffer, uint64_t imageSize, uint64_t sectionOffset, uint64_t& secPos);
+    // The bytes the piece takes in the file.
+    uint64_t fileSize() const;
 
     // Whether a NUL ends the string at p inside the bytes known to be
     // readable: those the library placed, or else the block's d_size bytes.

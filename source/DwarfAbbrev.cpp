@@ -51,9 +51,14 @@ extern "C" void ReadAbbrevTable(Elf* elf) {
     if (!scn) return;
     Elf_Data* data = tamo_elf_getdata(scn, nullptr);
     if (!data || !data->d_buf || data->d_size == 0) return;
+    parseAbbrevTables(static_cast<const uint8_t*>(data->d_buf), data->d_size);
+}
 
+namespace tamo {
+
+void parseAbbrevTables(const uint8_t* bytes, size_t size) {
     try {
-        Cursor c(static_cast<const uint8_t*>(data->d_buf), data->d_size);
+        Cursor c(bytes, size);
         CDwarfAbbrevTable* table = nullptr;
         bool newTable = true;
         while (!c.atEnd()) {
@@ -89,3 +94,5 @@ extern "C" void ReadAbbrevTable(Elf* elf) {
         CDwarfAbbrevTable::releaseAll();
     }
 }
+
+}  // namespace tamo

@@ -43,3 +43,9 @@ private:
     std::unordered_map<uint32_t, size_t> m_byCode;
     static std::unordered_map<uint32_t, size_t> s_byOffset;
 };
+
+namespace tamo {
+// Reads the abbreviation tables of a .debug_abbrev section's bytes into
+// CDwarfAbbrevTable::s_vTables.
+void parseAbbrevTables(const uint8_t* data, size_t size);
+}  // namespace tamo

@@ -14,17 +14,6 @@ using namespace tamo;
 
 namespace {
 
-// Restores the error state on scope exit, for lookups whose failures are not
-// the caller's business.
-class ErrorStateGuard {
-public:
-    ErrorStateGuard() : m_saved(errHandler) {}
-    ~ErrorStateGuard() { errHandler = m_saved; }
-
-private:
-    ErrHndr m_saved;
-};
-
 constexpr uint64_t kPlacementSlack = 1u << 20;
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "ByteSwap.h"
 #include "FileDesc.h"
+#include "MemBlock.h"
 #include "tamoelf.h"
 
 class ArDesc;
@@ -84,6 +85,30 @@ public:
     Elf32_Ehdr* new_header();
     Elf_Scn* new_scn();
 
+    // Layout (tamo_elf_update): completes the ELF header and places every
+    // section and piece. Returns the image size, or -1 with the code set.
+    int64_t update();
+    // Builds the image that the last layout sized into `buffer` (`size`
+    // zeroed bytes) in the file's byte order. Returns size, 0 when the
+    // descriptor is not dirty (nothing is built), or -1. Nothing changes in
+    // the descriptor until commitWrite.
+    int64_t write2buff(char* buffer, uint64_t size);
+    // The buffer the image is built in: `size` bytes, zeroed or holding the
+    // previous image's bytes (kept between updates, so that writing again
+    // touches no new memory; released with the descriptor). Null with code 4.
+    char* imageBuffer(uint64_t size);
+    // Writes a built image at offset 0 of the file, which then holds
+    // exactly the image; 0, or -1 with the seek or write code.
+    int writeImage(const char* buffer, uint64_t size);
+    // After the image was written: sections carried over from the file take
+    // their new places, and the dirty flags are cleared.
+    void commitWrite();
+    // The bytes of the section called `name` as they are now, without making
+    // section descriptors (for conversions made while writing): a
+    // described section's first piece, else its bytes read from the file
+    // into `scratch`. Null when there is no such section.
+    const uint8_t* peekSection(const char* name, size_t& size, std::vector<uint8_t>& scratch);
+
     bool onImage() const { return m_pFile && m_pFile->isImage(); }
     bool isArchive() const { return m_pAr != nullptr; }
     bool isMember() const { return m_pMember != nullptr; }
@@ -140,4 +165,19 @@ private:
 
     std::vector<ImageUndo> m_undo;
     uint64_t m_placedBytes = 0;
+
+    // Where layout put each section that has no descriptor (it is copied
+    // from the file when the image is built).
+    struct Carried {
+        size_t index;
+        uint32_t offset, size, align;
+        bool copies;  // its bytes go into the image
+    };
+    std::vector<Carried> m_carried;
+    tamo::Block m_image;
+    bool layoutCarried(size_t index, uint64_t& pos);
+    bool copyCarried(const Carried& c, char* buffer, uint64_t size, uint64_t& pos);
+    // The name of section `index` without making descriptors, or "".
+    const char* peekName(size_t index);
+
 };

@@ -145,26 +145,15 @@ int Elf_Scn::initialize() {
             if (pendingError() == ERR_NONE) SETERR(ERR_SCN_NAME_EMPTY, "Elf_Scn::initialize()");
             return -1;
         }
-        const bool little = ehdr->e_ident[EI_DATA] == ELFDATA2LSB;
-        uint32_t srcSize = 0, dstSize = 0, tempType = 0;
-        if (std::strncmp(name, ".rela.lnno.", 11) == 0) {
-            sh->sh_type = little ? SHT_COFF_LNRELA_6TO8 : SHT_COFF_LNRELA_8TO6;
-        } else if (sh->sh_type == SHT_COFF_STORED) {
-            if (std::strncmp(name, ".lnno.", 6) == 0) {
-                dstSize = 6;
-                srcSize = little ? 6 : 8;
-                tempType = SHT_COFF_LINENO;
-            } else if (std::strcmp(name, ".coff.SDB") == 0) {
-                dstSize = 18;
-                srcSize = little ? 18 : 20;
-                tempType = SHT_COFF_SYMENT;
-            }
-        }
-        if (tempType) {
-            bytes = reshape(bytes, srcSize, dstSize, readable);
+        const unsigned order = ehdr->e_ident[EI_DATA];
+        const CoffKind kind = coffKind(name, sh->sh_type);
+        if (kind == CoffKind::LineRelocations) {
+            sh->sh_type = order == ELFDATA2LSB ? SHT_COFF_LNRELA_6TO8 : SHT_COFF_LNRELA_8TO6;
+        } else if (kind != CoffKind::None) {
+            bytes = reshape(bytes, coffFileRecord(kind, order), coffMemoryRecord(kind), readable);
             if (!bytes) return -1;
             inImage = false;
-            sh->sh_type = tempType;
+            sh->sh_type = kind == CoffKind::LineNumbers ? SHT_COFF_LINENO : SHT_COFF_SYMENT;
         }
     }
 

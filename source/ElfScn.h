@@ -8,6 +8,7 @@
 
 #include "DataDesc.h"
 #include "GarbageCollector.h"
+#include "Globe.h"
 #include "tamoelf.h"
 
 class Elf;
@@ -43,6 +44,17 @@ public:
 
     // Appends a caller data descriptor (tamo_elf_newdata).
     DataDesc* new_data();
+
+    // Layout of the section from image position pos, which moves past it
+    // (tamo_elf_update); -1 on failure.
+    int update(uint64_t& pos);
+    // Writes the section's pieces into the image at its place; pos moves
+    // past it. Returns sh_size (0 when nothing is written) or -1.
+    int64_t write2buff(char* buffer, uint64_t size, uint64_t& pos);
+
+    // Set by layout: the COFF records this section holds in a file of the
+    // other byte order, which writing converts (and repacks) as reading did.
+    tamo::CoffKind m_coff = tamo::CoffKind::None;
 
 private:
     bool charge(uint64_t n);

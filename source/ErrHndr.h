@@ -133,4 +133,17 @@ void report_write_err(int err, const char* context) noexcept;
 // The code currently pending (without clearing it).
 inline ErrNo pendingError() noexcept { return errHandler.m_code; }
 
+// Restores the error state on scope exit, for lookups whose failures are not
+// the caller's business.
+class ErrorStateGuard {
+public:
+    ErrorStateGuard() : m_saved(errHandler) {}
+    ~ErrorStateGuard() { errHandler = m_saved; }
+    ErrorStateGuard(const ErrorStateGuard&) = delete;
+    ErrorStateGuard& operator=(const ErrorStateGuard&) = delete;
+
+private:
+    ErrHndr m_saved;
+};
+
 }  // namespace tamo

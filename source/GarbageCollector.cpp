@@ -1,45 +1,17 @@
 #include "GarbageCollector.h"
 
-#include <sys/mman.h>
-
-#include <cstdint>
 #include <cstdlib>
 #include <new>
 
 #include "ErrHndr.h"
+#include "MemBlock.h"
 
 using namespace tamo;
 
 namespace {
 
-constexpr size_t kHugePage = size_t{2} << 20;
-constexpr size_t kMapThreshold = size_t{4} << 20;
-
 void release(const GarbageCollector::bag& b) {
-    if (b.type == GarbageCollector::GT_MAPPED)
-        ::munmap(b.block, b.size);
-    else
-        std::free(b.block);
-}
-
-// A large buffer from its own mapping, aligned to a huge page and marked for
-// huge pages: filling it then takes a few hundred page faults instead of
-// tens of thousands.
-void* mapLarge(size_t n, size_t& mapped) {
-    const size_t length = (n + kHugePage - 1) / kHugePage * kHugePage;
-    if (length < n) return nullptr;
-    void* raw = ::mmap(nullptr, length + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (raw == MAP_FAILED) return nullptr;
-    auto start = reinterpret_cast<uintptr_t>(raw);
-    const uintptr_t aligned = (start + kHugePage - 1) & ~(uintptr_t{kHugePage} - 1);
-    if (aligned > start) ::munmap(raw, aligned - start);
-    const uintptr_t end = start + length + kHugePage;
-    if (end > aligned + length) ::munmap(reinterpret_cast<void*>(aligned + length), end - (aligned + length));
-#ifdef MADV_HUGEPAGE
-    ::madvise(reinterpret_cast<void*>(aligned), length, MADV_HUGEPAGE);
-#endif
-    mapped = length;
-    return reinterpret_cast<void*>(aligned);
+    freeBlock(b.block, b.type == GarbageCollector::GT_MAPPED ? b.size : 0);
 }
 
 }  // namespace
@@ -57,19 +29,13 @@ void* GarbageCollector::allocate(size_t n) {
         return nullptr;
     }
     // Room was made above, so registering cannot fail.
-    if (n >= kMapThreshold) {
-        size_t mapped = 0;
-        if (void* p = mapLarge(n, mapped)) {
-            m_bags.push_back(bag{p, GT_MAPPED, mapped});
-            return p;
-        }
-    }
-    void* p = std::malloc(n ? n : 1);
+    size_t mapped = 0;
+    void* p = allocBlock(n, mapped);
     if (!p) {
         SETERR(ERR_NOMEM);
         return nullptr;
     }
-    pickUp(p);
+    m_bags.push_back(bag{p, mapped ? GT_MAPPED : GT_BLOCK, mapped});
     return p;
 }
 

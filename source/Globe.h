@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "tamoelf.h"
 
@@ -86,6 +87,26 @@ inline constexpr uint32_t SHT_COFF_LNRELA_6TO8 = 18;
 inline constexpr uint32_t SHT_COFF_LNRELA_8TO6 = 19;
 
 inline constexpr size_t unitSize(Elf_Type type) { return aryDataSize[0][type][0]; }
+
+// The COFF debug sections a file of the other byte order carries: their
+// records are converted (and, in big-endian files, repacked) on reading,
+// and the reverse on writing.
+enum class CoffKind { None, LineNumbers, Symbols, LineRelocations };
+
+inline CoffKind coffKind(const char* name, uint32_t shType) {
+    if (std::strncmp(name, ".rela.lnno.", 11) == 0) return CoffKind::LineRelocations;
+    if (shType != SHT_COFF_STORED) return CoffKind::None;
+    if (std::strncmp(name, ".lnno.", 6) == 0) return CoffKind::LineNumbers;
+    if (std::strcmp(name, ".coff.SDB") == 0) return CoffKind::Symbols;
+    return CoffKind::None;
+}
+
+// Record size of a COFF line-number or symbol section in memory (always the
+// packed one) and in a file of encoding `ei_data`.
+inline constexpr uint32_t coffMemoryRecord(CoffKind k) { return k == CoffKind::LineNumbers ? 6 : 18; }
+inline constexpr uint32_t coffFileRecord(CoffKind k, unsigned ei_data) {
+    return coffMemoryRecord(k) + (ei_data == ELFDATA2MSB ? 2 : 0);
+}
 
 // Data type of a section type, or ELF_T_NUM when it has none.
 inline constexpr Elf_Type scnDataType(uint32_t shType) {

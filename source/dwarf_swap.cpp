@@ -25,11 +25,16 @@ struct InHereScope {
 };
 }  // namespace
 
-void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf* elf, bool /*srcNative*/) {
+void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf* elf, bool /*srcNative*/,
+                  const AbbrevBytes* abbrev) {
     if (std::strcmp(name, ".debug_info") == 0) {
         if (bInHere) return;
-        InHereScope scope;
-        ReadAbbrevTable(const_cast<Elf*>(elf));
+        if (abbrev) {
+            parseAbbrevTables(abbrev->data, abbrev->size);
+        } else {
+            InHereScope scope;
+            ReadAbbrevTable(const_cast<Elf*>(elf));
+        }
     }
     if (src != dst && size) std::memmove(dst, src, size);
     CDwarfAbbrevTable::releaseAll();

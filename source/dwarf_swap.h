@@ -2,14 +2,23 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 class Elf;
 
 namespace tamo {
 
+// The bytes of a .debug_abbrev section, handed to a conversion directly.
+struct AbbrevBytes {
+    const uint8_t* data;
+    size_t size;
+};
+
 // Converts the `size` bytes of a .debug_info or .debug_line* section from
 // src into dst (equal or disjoint). srcNative: src holds host order. The
-// walk never goes past the buffer given.
-void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf* elf, bool srcNative);
+// walk never goes past the buffer given. A .debug_info conversion reads its
+// abbreviations from `abbrev` when given, else through ReadAbbrevTable(elf).
+void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf* elf, bool srcNative,
+                  const AbbrevBytes* abbrev = nullptr);
 
 }  // namespace tamo

@@ -56,7 +56,12 @@ struct Sample {
 // COFF line-number and symbol records (8- and 20-byte records when big-endian).
 struct CoffObject {
     ObjectBuilder b;
+    std::vector<Section> sections;  // index i+1 in the object
     size_t lnno, sdb, sdbSuffix, rela, relaTyped;
+    size_t add(Section s) {
+        sections.push_back(s);
+        return b.add(std::move(s));
+    }
     explicit CoffObject(Order o) : b(o) {
         Fields lines;  // two 8-byte records and 4 trailing bytes
         for (uint32_t i = 0; i < 2; ++i) {
@@ -65,16 +70,16 @@ struct CoffObject {
             lines.push_back({2, 0xabcd});
         }
         lines.push_back({4, 0x99999999});
-        lnno = b.add({.name = ".lnno.text", .type = 15, .content = lines});
+        lnno = add({.name = ".lnno.text", .type = 15, .content = lines});
         Fields sym;  // a function symbol with one auxiliary entry, 20 bytes each
         for (char c : std::string("func\0\0\0\0", 8)) sym.push_back({1, static_cast<uint8_t>(c)});
         sym.insert(sym.end(), {{4, 0x400}, {2, 1}, {2, 0x20}, {1, 2}, {1, 1}, {2, 0}});
         sym.insert(sym.end(), {{4, 7}, {4, 0x30}, {4, 0x2000}, {4, 12}, {2, 0}, {2, 0}});
-        sdb = b.add({.name = ".coff.SDB", .type = 15, .content = sym});
-        sdbSuffix = b.add({.name = ".coff.SDBx", .type = 15, .content = sym});
+        sdb = add({.name = ".coff.SDB", .type = 15, .content = sym});
+        sdbSuffix = add({.name = ".coff.SDBx", .type = 15, .content = sym});
         Fields relas = {{4, 16}, {4, 0x101}, {4, 0}, {4, 17}, {4, 0x102}, {4, 4}};
-        rela = b.add({.name = ".rela.lnno.text", .type = SHT_PROGBITS, .content = relas});
-        relaTyped = b.add({.name = ".rela.lnno.data", .type = SHT_RELA, .content = relas});
+        rela = add({.name = ".rela.lnno.text", .type = SHT_PROGBITS, .content = relas});
+        relaTyped = add({.name = ".rela.lnno.data", .type = SHT_RELA, .content = relas});
     }
 };
 
