@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "Cursor.h"
+#include "DwarfTables.h"
 #include "tamoelf.h"
 
 using namespace tamo;
@@ -81,6 +82,9 @@ void parseAbbrevTables(const uint8_t* bytes, size_t size) {
             for (;;) {
                 CDwarfAttrib a{c.uleb(), 0};
                 a.m_lForm = c.uleb();
+                // An implicit constant's value follows its form here; the
+                // entries in .debug_info hold no bytes for it.
+                if (a.m_lName != 0 && a.m_lForm == dwarf::DW_FORM_implicit_const) c.sleb();
                 if (c.failed()) break;
                 entry->m_vAttribs.push_back(a);
                 if (a.m_lName == 0) break;

@@ -170,14 +170,21 @@ int Elf::init_ScnTab() {
     m_vScns.resize(n);
     auto* table = reinterpret_cast<uint8_t*>(m_fileShdrs.get());
     const size_t entry = sizeof(Elf32_Shdr);
+    // Records are read one after another, min(e_shentsize, 44) bytes each
+    // (standard objects have 40-byte entries); the rest of a record is zero.
+    const size_t stride = std::min<size_t>(m_pEhdr->e_shentsize, entry);
+    std::unique_ptr<uint8_t[]> packed;
+    const uint8_t* from = nullptr;
+    size_t got = 0;
 
     if (m_kind == ELF_K_ELF && onImage()) {
         const char* base = m_pFile->m_pImage;
-        if (!base || off + entry * n > m_pFile->m_imageSize) {
+        if (!base || off > m_pFile->m_imageSize || stride * n > m_pFile->m_imageSize - off) {
             SETERR(ERR_IMAGE_BASE);
             return -1;
         }
-        std::memcpy(table, base + off, entry * n);
+        from = reinterpret_cast<const uint8_t*>(base + off);
+        got = stride * n;
     } else {
         int64_t start;
         if (m_kind == ELF_K_ELF)
@@ -189,29 +196,30 @@ int Elf::init_ScnTab() {
             return -1;
         }
         if (!seekSet(fd(), start, "init_ScnTab")) return -1;
-        const size_t stride = std::min<size_t>(m_pEhdr->e_shentsize, entry);
         size_t want = stride * n;
         if (m_pMember) {
             // A member's table ends with the member: what lies beyond is not read.
             const uint64_t size = m_pMember->size();
             want = off >= size ? 0 : static_cast<size_t>(std::min<uint64_t>(want, size - off));
         }
-        if (stride == entry) {
-            if (readFully(fd(), table, want) < 0) {
-                SETERR(ERR_READ);
-                return -1;
-            }
-        } else if (stride > 0 && want > 0) {
-            auto packed = std::make_unique<uint8_t[]>(want);
-            const ssize_t got = readFully(fd(), packed.get(), want);
-            if (got < 0) {
-                SETERR(ERR_READ);
-                return -1;
-            }
-            for (size_t i = 0; i < n && i * stride < static_cast<size_t>(got); ++i)
-                std::memcpy(table + i * entry, packed.get() + i * stride,
-                            std::min(stride, static_cast<size_t>(got) - i * stride));
+        uint8_t* into = table;
+        if (stride != entry && want > 0) {
+            packed = std::make_unique<uint8_t[]>(want);
+            into = packed.get();
         }
+        const ssize_t r = readFully(fd(), into, want);
+        if (r < 0) {
+            SETERR(ERR_READ);
+            return -1;
+        }
+        from = into;
+        got = static_cast<size_t>(r);
+    }
+    if (stride == entry) {
+        if (from != table) std::memcpy(table, from, got);
+    } else if (stride > 0) {
+        for (size_t i = 0; i < n && i * stride < got; ++i)
+            std::memcpy(table + i * entry, from + i * stride, std::min(stride, got - i * stride));
     }
     if (foreign()) swapBlock(reinterpret_cast<char*>(table), reinterpret_cast<char*>(table), ELF_T_SHDR, n, false);
     return 1;

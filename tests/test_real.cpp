@@ -19,29 +19,12 @@
 #include <sstream>
 
 #include "Builder.h"
+#include "Tools.h"
 #include "tamoelf.h"
 
 using namespace testkit;
 
 namespace {
-
-std::string run(const std::string& cmd, int* status = nullptr) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    const int st = pclose(p);
-    if (status) *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return out;
-}
-
-bool have(const char* tool) {
-    int st = 0;
-    run(std::string("command -v ") + tool + " >/dev/null 2>&1", &st);
-    return st == 0;
-}
 
 const char* const kSources[] = {
     R"(struct point { int x, y; };
@@ -60,19 +43,6 @@ int main(int argc, char **argv) {
     for (int i = 0; i < argc && i < 3; ++i) printf("%s %s\n", names[i], argv[i]);
     return (int)table[argc & 15];
 })",
-};
-
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/tamoelf-real-XXXXXX";
-        m_path = mkdtemp(tmpl);
-    }
-    ~TempDir() { run("rm -rf '" + m_path + "'"); }
-    std::string path(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
 };
 
 struct ReadelfSection {
@@ -98,11 +68,6 @@ const std::map<std::string, uint32_t> kTypes = {
     {"NULL", 0}, {"PROGBITS", 1}, {"SYMTAB", 2}, {"STRTAB", 3}, {"RELA", 4}, {"HASH", 5},
     {"DYNAMIC", 6}, {"NOTE", 7}, {"NOBITS", 8}, {"REL", 9},
 };
-
-Bytes readFile(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    return Bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-}
 
 class RealObjects : public ::testing::Test {
 protected:
