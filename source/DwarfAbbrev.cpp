@@ -12,11 +12,21 @@ std::vector<std::unique_ptr<CDwarfAbbrevTable>> CDwarfAbbrevTable::s_vTables;
 std::unordered_map<uint32_t, size_t> CDwarfAbbrevTable::s_byOffset;
 
 void CDwarfAbbrevTable::add(std::unique_ptr<CDwarfAbbrevEntry> entry) {
-    m_byCode.emplace(entry->m_lCode, m_vEntries.size());  // keeps the first
+    // The first abbreviation with a code is the one found.
+    const uint32_t code = entry->m_lCode;
+    const bool known = (code < m_byDenseCode.size() && m_byDenseCode[code]) || m_byCode.count(code);
+    if (!known) {
+        if (code < 2 * m_vEntries.size() + 64) {
+            if (code >= m_byDenseCode.size()) m_byDenseCode.resize(code + 1);
+            m_byDenseCode[code] = entry.get();
+        } else {
+            m_byCode.emplace(code, m_vEntries.size());
+        }
+    }
     m_vEntries.push_back(std::move(entry));
 }
 
-const CDwarfAbbrevEntry* CDwarfAbbrevTable::find(uint32_t code) const {
+const CDwarfAbbrevEntry* CDwarfAbbrevTable::findSparse(uint32_t code) const {
     auto it = m_byCode.find(code);
     return it == m_byCode.end() ? nullptr : m_vEntries[it->second].get();
 }

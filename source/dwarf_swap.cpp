@@ -12,6 +12,13 @@
 // unit (or of the expression or extended opcode), after which the walk goes
 // on. Decisions rest only on host-order values, so converting back restores
 // the input.
+//
+// Speed: each abbreviation becomes a plan once per conversion (runs of
+// fixed-width values as one record with its reversals, between the values
+// whose width the bytes tell), and the abbreviations with one-byte codes sit
+// in a flat array, so that a typical entry costs a byte load, an array load,
+// one bounds check and its reversals. The entry walk keeps its cursor in a
+// local copy; the rare steps take and return it by value.
 
 #include "dwarf_swap.h"
 
@@ -32,6 +39,7 @@ using dwarf::CursorPair;
 using dwarf::Form;
 using dwarf::FormKind;
 using dwarf::Operands;
+using dwarf::Step;
 
 // True while the abbreviation tables are being read. A .debug_info
 // conversion started by that reading (the section walk makes the sections it
@@ -39,6 +47,11 @@ using dwarf::Operands;
 // COMDAT groups) must not read the tables again: it is recorded, and the
 // conversion that reads the tables converts it once they are there.
 bool bInHere = false;
+
+struct InHereScope {
+    InHereScope() { bInHere = true; }
+    ~InHereScope() { bInHere = false; }
+};
 
 struct Deferred {
     char* src;
@@ -48,15 +61,11 @@ struct Deferred {
 };
 std::vector<Deferred> g_deferred;
 
-struct InHereScope {
-    InHereScope() { bInHere = true; }
-    ~InHereScope() { bInHere = false; }
-};
-
 // What a unit's header says about the values in it.
 struct Unit {
     unsigned version = 2;
     unsigned addressSize = 4;
+    uint32_t key() const { return addressSize << 8 | version; }
 };
 
 // Nested location expressions (DW_OP_entry_value) deeper than this are
@@ -69,19 +78,12 @@ unsigned addressWidth(unsigned size) {
     return size == 2 || size == 4 || size == 8 ? size : 4;
 }
 
-bool swap_location_machine(CursorPair& c, size_t end, const Unit& u, int depth);
+// ---------------------------------------------------------------------------
+// Location expressions
 
-// One location expression ending at `end`. A malformed or unknown opcode
-// makes the rest of the expression go unchanged; the expression itself
-// always ends at `end`.
-void expression(CursorPair& c, size_t end, const Unit& u, int depth) {
-    const size_t outer = c.limit(end);
-    if (c.failed()) return;
-    if (depth >= kMaxNesting || !swap_location_machine(c, end, u, depth)) c.copyRest();
-    c.restore(outer);
-}
+CursorPair locationExpression(CursorPair c, size_t end, const Unit& u, int depth);
 
-bool swap_location_machine(CursorPair& c, size_t end, const Unit& u, int depth) {
+[[gnu::always_inline]] inline bool swap_location_machine(CursorPair& c, size_t end, const Unit& u, int depth) {
     while (c.pos() < end) {
         uint8_t op = 0;
         if (!c.Byte(op)) return false;
@@ -126,7 +128,7 @@ bool swap_location_machine(CursorPair& c, size_t end, const Unit& u, int depth) 
                 break;
             case Operands::Expression:
                 if (c.Uleb(&n) && c.has(n))
-                    expression(c, c.pos() + static_cast<size_t>(n), u, depth + 1);
+                    c = locationExpression(c, c.pos() + static_cast<size_t>(n), u, depth + 1);
                 else
                     c.fail();
                 break;
@@ -141,6 +143,18 @@ bool swap_location_machine(CursorPair& c, size_t end, const Unit& u, int depth) 
     return true;
 }
 
+// One location expression ending at `end`. A malformed or unknown opcode
+// makes the rest of the expression go unchanged; the expression itself
+// always ends at `end`. The cursor goes in and comes back by value (so that
+// callers can keep theirs in registers).
+[[gnu::noinline]] CursorPair locationExpression(CursorPair c, size_t end, const Unit& u, int depth) {
+    const size_t outer = c.limit(end);
+    if (c.failed()) return c;
+    if (depth >= kMaxNesting || !swap_location_machine(c, end, u, depth)) c.copyRest();
+    c.restore(outer);
+    return c;
+}
+
 // The content of a block value: a location expression or plain bytes.
 bool blockContent(CursorPair& c, uint64_t length, bool isExpression, const Unit& u) {
     if (!c.has(length)) {
@@ -148,11 +162,14 @@ bool blockContent(CursorPair& c, uint64_t length, bool isExpression, const Unit&
         return false;
     }
     if (isExpression)
-        expression(c, c.pos() + static_cast<size_t>(length), u, 0);
+        c = locationExpression(c, c.pos() + static_cast<size_t>(length), u, 0);
     else
         c.CopyN(static_cast<size_t>(length));
     return c.ok();
 }
+
+// ---------------------------------------------------------------------------
+// Attribute values
 
 // One attribute value of form `form`; `attribute` tells whether a block
 // holds a location expression.
@@ -194,31 +211,243 @@ bool swapValue(CursorPair& c, uint32_t form, uint32_t attribute, const Unit& u) 
     return false;
 }
 
-bool swap_dwarf_attributes(const CDwarfAbbrevEntry& entry, CursorPair& c, const Unit& u) {
-    for (const CDwarfAttrib& a : entry.m_vAttribs)
-        if (a.m_lName != 0 && !swapValue(c, a.m_lForm, a.m_lName, u)) return false;
+// The plan of an abbreviation for a unit: what its forms make of its values,
+// decided once rather than for every entry.
+[[gnu::noinline]] const dwarf::Plan& planOf(const CDwarfAbbrevEntry& entry, const Unit& u) {
+    dwarf::Plan& p = entry.m_plan;
+    if (p.key == u.key()) return p;
+    p = dwarf::Plan{};
+    p.key = u.key();
+    Step record{Step::Record, 0, false, 0};
+    auto flush = [&] {
+        if (record.value == 0) return;
+        record.count = static_cast<uint32_t>(p.reversals.size()) - record.first;
+        p.steps.push_back(record);
+        record = Step{Step::Record, 0, false, 0};
+    };
+    auto fixed = [&](uint8_t width, bool reversed) {
+        if (record.value == 0) record.first = static_cast<uint32_t>(p.reversals.size());
+        if (reversed && width > 1) p.reversals.push_back({record.value, width});
+        record.value += width;
+    };
+    auto variable = [&](Step step) {
+        flush();
+        p.steps.push_back(step);
+    };
+    for (const CDwarfAttrib& a : entry.m_vAttribs) {
+        if (a.m_lName == 0) continue;
+        const Form f = dwarf::formOf(a.m_lForm);
+        switch (f.kind) {
+            case FormKind::Fixed:
+                fixed(f.width, f.reverse);
+                break;
+            case FormKind::Address:
+                fixed(static_cast<uint8_t>(u.addressSize), true);
+                break;
+            case FormKind::RefAddr:
+                fixed(static_cast<uint8_t>(u.version == 2 ? u.addressSize : 4), true);
+                break;
+            case FormKind::Uleb:
+            case FormKind::Sleb:
+                variable({Step::Leb, 0, false, 0});
+                break;
+            case FormKind::String:
+                variable({Step::String, 0, false, 0});
+                break;
+            case FormKind::Block:
+                variable({Step::Block, f.width, dwarf::isLocationAttribute(a.m_lName), 0});
+                break;
+            case FormKind::Exprloc:
+                variable({Step::Block, 0, true, 0});
+                break;
+            case FormKind::Nothing:
+                break;
+            case FormKind::Indirect:
+                variable({Step::Indirect, 0, false, a.m_lName});
+                break;
+            case FormKind::Unknown:
+                variable({Step::Unknown, 0, false, 0});
+                break;
+        }
+        if (record.value > UINT32_MAX / 2) variable({Step::Unknown, 0, false, 0});  // beyond any section
+    }
+    flush();
+    return p;
+}
+
+// Whether an expression of up to three bytes is one operation whose
+// operands have no byte order (DW_OP_fbreg, DW_OP_call_frame_cfa,
+// DW_OP_addrx, ... as compilers emit them by the thousand): copied as it is.
+inline bool reversesNothing(const uint8_t* p, size_t length) {
+    if (length == 0 || length > 3) return false;
+    switch (dwarf::kOperands[p[0]]) {
+        case Operands::None:
+            return length == 1;
+        case Operands::Byte:
+            return length == 2;
+        case Operands::Uleb:
+        case Operands::Sleb:  // a LEB128 that ends with the expression
+            return length > 1 && !(p[length - 1] & 0x80) && (length == 2 || (p[1] & 0x80));
+        default:
+            return false;
+    }
+}
+
+// The rare steps, out of line. An expression is walked over its range of
+// the buffers by a pair of its own: it reaches its end whatever it holds.
+[[gnu::noinline]] void expressionAt(const CursorPair& at, size_t end, const Unit& u) {
+    CursorPair c(at.source(), at.destination(), at.size(), at.srcNative(), at.pos(), end);
+    if (!swap_location_machine(c, end, u, 0)) c.copyRest();
+}
+[[gnu::noinline]] CursorPair indirectStep(CursorPair c, uint32_t attribute, const Unit& u) {
+    swapValue(c, 0x16, attribute, u);  // DW_FORM_indirect
+    return c;
+}
+
+// The values of one entry, by its abbreviation's plan.
+template <dwarf::Buffers B>
+[[gnu::always_inline]] inline bool swap_dwarf_attributes(const CDwarfAbbrevEntry& entry, dwarf::BasicCursorPair<B>& c,
+                                                         const Unit& u) {
+    const dwarf::Plan& p = entry.m_plan.key == u.key() ? entry.m_plan : planOf(entry, u);
+    for (const Step& s : p.steps) {
+        switch (s.kind) {
+            case Step::Record:
+                c.Record(s.value, p.reversals.data() + s.first, s.count);
+                break;
+            case Step::Leb:
+                c.Uleb();
+                break;
+            case Step::String:
+                c.CopyString();
+                break;
+            case Step::Block: {
+                uint64_t length = 0;
+                if (!(s.width ? c.ReadAndSwap(s.width, length) : c.Uleb(&length))) break;
+                if (!c.has(length)) {
+                    c.fail();
+                } else if (!s.expression) {
+                    c.CopyN(static_cast<size_t>(length));
+                } else if (!reversesNothing(c.source() + c.pos(), static_cast<size_t>(length))) {
+                    expressionAt(CursorPair(c), c.pos() + static_cast<size_t>(length), u);
+                    c.Handled(static_cast<size_t>(length));
+                } else {
+                    c.CopyN(static_cast<size_t>(length));
+                }
+                break;
+            }
+            case Step::Indirect:
+                c = dwarf::BasicCursorPair<B>(indirectStep(CursorPair(c), s.value, u));
+                break;
+            case Step::Unknown:
+                c.fail();
+                break;
+        }
+        if (c.failed()) return false;
+    }
     return true;
 }
 
-// One debugging entry and its children, walked without recursion.
-bool swap_dwarf_entry(const CDwarfAbbrevTable& table, CursorPair& c, const Unit& u) {
+// The abbreviations with one-byte codes of the table a unit uses, for the
+// unit's kind: one flat array, remade when a unit uses another table (so
+// that it costs the same however many tables an input names).
+struct QuickTable {
+    const CDwarfAbbrevTable* table = nullptr;
+    uint32_t key = 0;
+    std::vector<dwarf::Quick> entries;
+
+    const std::vector<dwarf::Quick>& of(const CDwarfAbbrevTable& t, const Unit& u) {
+        if (table == &t && key == u.key()) return entries;
+        table = &t;
+        key = u.key();
+        entries.assign(0x80, dwarf::Quick{});
+        for (uint32_t code = 1; code < 0x80; ++code) {
+            const CDwarfAbbrevEntry* e = t.find(code);
+            if (!e) continue;
+            dwarf::Quick& q = entries[code];
+            q.entry = e;
+            q.children = e->m_bHasChildren;
+            // A fixed entry is one record from its code byte on.
+            q.size = 1;
+            const dwarf::Plan& p = planOf(*e, u);
+            if (p.steps.empty()) {
+                q.fixed = true;
+            } else if (p.steps.size() == 1 && p.steps[0].kind == Step::Record &&
+                       p.steps[0].count <= dwarf::Quick::kInline && p.steps[0].value < UINT16_MAX) {
+                q.fixed = true;
+                q.size += p.steps[0].value;
+                q.count = static_cast<uint8_t>(p.steps[0].count);
+                q.words = true;
+                for (uint8_t i = 0; i < q.count; ++i) {
+                    const dwarf::Reversal& r = p.reversals[p.steps[0].first + i];
+                    q.fields[i] = {static_cast<uint16_t>(r.offset + 1), r.width};
+                    q.words = q.words && r.width == 4;
+                }
+            }
+            if (q.fixed && q.words) {
+                q.wordCount = static_cast<uint8_t>((q.count + 1) & ~1);
+                for (uint8_t i = q.count; i < q.wordCount; ++i) q.scratch |= static_cast<uint8_t>(1u << i);
+            }
+        }
+        return entries;
+    }
+};
+
+// One debugging entry and its children, walked without recursion on a copy
+// of the cursor that the compiler keeps in registers, for buffers known to
+// be the same or distinct.
+template <dwarf::Buffers B>
+bool entryWalk(const CDwarfAbbrevTable& table, CursorPair& outer, const Unit& u, const dwarf::Quick* quick) {
+    dwarf::BasicCursorPair<B> c(outer);
     size_t depth = 0;
+    bool ok = false;
     for (;;) {
-        if (depth > 0 && c.has(1) && c.peek() == 0) {  // the end of a list of children
+        if (!c.has(1)) break;
+        const uint8_t first = c.peekInRange();
+        if (first == 0 && depth > 0) {  // the end of a list of children
             c.CopyN(1);
-            if (--depth == 0) return true;
+            if (--depth == 0) {
+                ok = true;
+                break;
+            }
             continue;
         }
-        uint64_t code = 0;
-        if (!c.Uleb(&code)) return false;
-        const CDwarfAbbrevEntry* entry = code <= UINT32_MAX ? table.find(static_cast<uint32_t>(code)) : nullptr;
-        if (!entry || !swap_dwarf_attributes(*entry, c, u)) return false;
-        if (entry->m_bHasChildren)
+        bool children;
+        if (first < 0x80 && quick[first].entry) {
+            const dwarf::Quick& q = quick[first];
+            children = q.children;
+            if (q.fixed && q.words) {
+                if (!c.WordRecord(q)) break;
+            } else if (q.fixed) {
+                if (!c.Record(q.size, q.fields, q.count)) break;
+            } else if (!c.CopyN(1) || !swap_dwarf_attributes(*q.entry, c, u)) {
+                break;
+            }
+        } else {
+            uint64_t code = 0;
+            if (!c.Uleb(&code)) break;
+            const CDwarfAbbrevEntry* entry = code <= UINT32_MAX ? table.find(static_cast<uint32_t>(code)) : nullptr;
+            if (!entry || !swap_dwarf_attributes(*entry, c, u)) break;
+            children = entry->m_bHasChildren;
+        }
+        if (children) {
             ++depth;
-        else if (depth == 0)
-            return true;
+        } else if (depth == 0) {
+            ok = true;
+            break;
+        }
     }
+    outer = CursorPair(c);
+    return ok;
 }
+
+bool swap_dwarf_entry(const CDwarfAbbrevTable& table, CursorPair& c, const Unit& u, QuickTable& quickTable) {
+    const dwarf::Quick* quick = quickTable.of(table, u).data();
+    return c.inPlace() ? entryWalk<dwarf::Buffers::Same>(table, c, u, quick)
+                       : entryWalk<dwarf::Buffers::Distinct>(table, c, u, quick);
+}
+
+// ---------------------------------------------------------------------------
+// Units and programs
 
 // The unit or program starting at the cursor: its end, or 0 when its length
 // or version cannot be trusted (64-bit DWARF, a reserved length, a unit past
@@ -234,7 +463,7 @@ size_t unitEnd(const CursorPair& c, unsigned& version) {
 }
 
 // One compilation (or type) unit of .debug_info.
-void endian_swap_debug_info_section(CursorPair& c) {
+void endian_swap_debug_info_section(CursorPair& c, QuickTable& quick) {
     Unit u;
     const size_t end = unitEnd(c, u.version);
     if (!end) {
@@ -261,7 +490,7 @@ void endian_swap_debug_info_section(CursorPair& c) {
     }
     const CDwarfAbbrevTable* table =
         abbrevOffset <= UINT32_MAX ? CDwarfAbbrevTable::findTable(static_cast<uint32_t>(abbrevOffset)) : nullptr;
-    if (c.ok() && table) swap_dwarf_entry(*table, c, u);
+    if (c.ok() && table) swap_dwarf_entry(*table, c, u, quick);
     // Bytes after the entry tree, or all of the unit the walk could not
     // size, go unchanged.
     c.copyRest();
@@ -389,11 +618,12 @@ void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf
         }
     }
     deferred.insert(deferred.begin(), Deferred{src, dst, size, srcNative});
+    QuickTable quick;
     for (const Deferred& d : deferred) {
         CursorPair c(reinterpret_cast<const uint8_t*>(d.src), reinterpret_cast<uint8_t*>(d.dst), d.size, d.srcNative);
         while (c.pos() < d.size) {
             if (info)
-                endian_swap_debug_info_section(c);
+                endian_swap_debug_info_section(c, quick);
             else if (line)
                 endian_swap_debug_line_section(c);
             else
