@@ -1,21 +1,31 @@
 #!/bin/sh
-# Builds the library and runs the example program: the library's version and
-# error messages, then a real big-endian object and an archive read through
-# the library.
+# The main job: builds the library and the tamoelf tool, then shows them on
+# a shipped sample: what the big-endian sample object holds, its conversion
+# to little-endian and back (byte for byte the same file), and the same for
+# the sample archive.
 set -eu
 cd "$(dirname "$0")/.."
-scripts/packages.sh cmake make g++ clang binutils
-cmake -S . -B build/main -DCMAKE_BUILD_TYPE=Release -DTAMO_BUILD_TESTS=OFF -DTAMO_BUILD_BENCH=OFF >/dev/null
+scripts/packages.sh cmake make g++ libcli11-dev nlohmann-json3-dev
+cmake -S . -B build/main -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF -DTAMO_BUILD_BENCH=OFF >/dev/null
 cmake --build build/main -j"$(nproc)" >/dev/null
-demo=build/main/tools/tamoelf_demo
-"$demo"
+tool=build/main/tools/tamoelf
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cat >"$work/sample.c" <<'C'
-struct point { int x, y; };
-int counter = 3;
-int area(const struct point *a, const struct point *b) { return (b->x - a->x) * (b->y - a->y) + counter; }
-C
-clang --target=powerpc-linux-gnu -fno-addrsig -c "$work/sample.c" -o "$work/sample.o"
-(cd "$work" && ar rcs lib.a sample.o && printf '!<sola>\n' | dd of=lib.a conv=notrunc status=none)
-"$demo" "$work/sample.o" "$work/lib.a"
+
+echo "\$ tamoelf info samples/sample-big.o"
+"$tool" info samples/sample-big.o
+for sample in sample-big.o sample-big.a; do
+    echo
+    echo "\$ tamoelf convert --to little samples/$sample little"
+    "$tool" convert --to little "samples/$sample" "$work/little"
+    echo "\$ tamoelf convert --to big little back"
+    "$tool" convert --to big "$work/little" "$work/back"
+    echo "\$ tamoelf check little back"
+    "$tool" check "$work/little" "$work/back"
+    if cmp -s "samples/$sample" "$work/back"; then
+        echo "round trip: samples/$sample came back byte for byte"
+    else
+        echo "round trip: samples/$sample did NOT come back" >&2
+        exit 1
+    fi
+done

@@ -6,7 +6,8 @@
 # wrong. Logs stay in build/logs.
 set -u
 cd "$(dirname "$0")/.."
-scripts/packages.sh cmake make g++ clang binutils libgtest-dev libbenchmark-dev g++-multilib || exit 1
+scripts/packages.sh cmake make g++ clang llvm binutils libgtest-dev libbenchmark-dev g++-multilib libcli11-dev \
+    nlohmann-json3-dev || exit 1
 jobs=$(nproc)
 logs=build/logs
 mkdir -p "$logs"
@@ -18,7 +19,7 @@ run() {  # run <flavour> <cmake options...>
     flavour=$1
     shift
     log=$logs/$flavour
-    if ! cmake -S . -B "build/$flavour" "$@" >"$log.configure" 2>&1; then
+    if ! cmake -S . -B "build/$flavour" -DTAMO_WERROR=ON "$@" >"$log.configure" 2>&1; then
         echo "== $flavour: configure FAILED"
         tail -n 30 "$log.configure"
         broken="$broken $flavour"

@@ -1,0 +1,373 @@
+#include "Print.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+namespace tool {
+
+namespace {
+
+using nlohmann::json;
+
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) {
+    char buf[512];
+    va_list args;
+    va_start(args, fmt);
+    std::vsnprintf(buf, sizeof buf, fmt, args);
+    va_end(args);
+    return buf;
+}
+
+const char* orderName(unsigned data) {
+    return data == ELFDATA2MSB   ? "2's complement, big endian"
+           : data == ELFDATA2LSB ? "2's complement, little endian"
+                                 : "unknown";
+}
+
+std::string typeName(unsigned type) {
+    switch (type) {
+        case ET_NONE:
+            return "NONE (No file type)";
+        case ET_REL:
+            return "REL (Relocatable file)";
+        case ET_EXEC:
+            return "EXEC (Executable file)";
+        case ET_DYN:
+            return "DYN (Shared object file)";
+        case ET_CORE:
+            return "CORE (Core file)";
+        default:
+            return format("0x%x", type);
+    }
+}
+
+std::string flags(uint32_t f) {
+    std::string s;
+    const std::pair<uint32_t, char> known[] = {{SHF_WRITE, 'W'},      {SHF_ALLOC, 'A'},   {SHF_EXECINSTR, 'X'},
+                                               {SHF_MERGE, 'M'},      {SHF_STRINGS, 'S'}, {SHF_INFO_LINK, 'I'},
+                                               {SHF_LINK_ORDER, 'L'}, {SHF_GROUP, 'G'},   {SHF_TLS, 'T'}};
+    for (auto [bit, c] : known)
+        if (f & bit) s += c;
+    return s;
+}
+
+const char* bindName(unsigned b) {
+    static const char* const n[] = {"LOCAL", "GLOBAL", "WEAK"};
+    return b < 3 ? n[b] : "OTHER";
+}
+const char* symbolTypeName(unsigned t) {
+    static const char* const n[] = {"NOTYPE", "OBJECT", "FUNC", "SECTION", "FILE", "COMMON", "TLS"};
+    return t < 7 ? n[t] : "OTHER";
+}
+const char* visibilityName(unsigned v) {
+    static const char* const n[] = {"DEFAULT", "INTERNAL", "HIDDEN", "PROTECTED"};
+    return n[v & 3];
+}
+
+const char* unitTypeName(unsigned t) {
+    static const char* const n[] = {"?", "compile", "type", "partial", "skeleton", "split_compile", "split_type"};
+    return t < 7 ? n[t] : "?";
+}
+
+void printObject(std::ostream& out, const Object& o) {
+    const Elf32_Ehdr& h = o.header;
+    out << "ELF Header:\n  Magic:  ";
+    for (unsigned char b : h.e_ident) out << ' ' << hex(b, 2);
+    out << "\n";
+    auto row = [&](const char* label, const std::string& value) {
+        out << format("  %-34s %s\n", label, value.c_str());
+    };
+    row("Class:", h.e_ident[EI_CLASS] == ELFCLASS32 ? "ELF32" : format("%u", h.e_ident[EI_CLASS]));
+    row("Data:", orderName(h.e_ident[EI_DATA]));
+    row("Type:", typeName(h.e_type));
+    row("Machine:", machineName(h.e_machine));
+    row("Version:", format("0x%x", h.e_version));
+    row("Entry point address:", format("0x%x", h.e_entry));
+    row("Start of program headers:", format("%u (bytes into file)", h.e_phoff));
+    row("Start of section headers:", format("%u (bytes into file)", h.e_shoff));
+    row("Flags:", format("0x%x", h.e_flags));
+    row("Size of this header:", format("%u (bytes)", h.e_ehsize));
+    row("Size of section headers:", format("%u (bytes)%s", h.e_shentsize, o.standard ? ", standard ELF32" : ""));
+    row("Number of section headers:", format("%u", h.e_shnum));
+    row("Section header string table index:", format("%u", h.e_shstrndx));
+
+    out << "\nSection Headers:\n"
+        << "  [Nr] Name                 Type       Addr     Off    Size   ES Flg Lk Inf Al Extra\n";
+    for (const Section& s : o.sections) {
+        const Elf32_Shdr& x = s.header;
+        out << format("  [%2zu] %-20.20s %-10.10s %08x %06x %06x %02x %3s %2u %3u %2u %08x%s\n", s.index,
+                      s.name.c_str(), sectionTypeName(x.sh_type).c_str(), x.sh_addr, x.sh_offset, x.sh_size,
+                      x.sh_entsize, flags(x.sh_flags).c_str(), x.sh_link, x.sh_info, x.sh_addralign, x.sh_extra,
+                      s.read || x.sh_type == SHT_NULL || x.sh_type == SHT_NOBITS || s.index == 0 ? "" : "  (not read)");
+    }
+
+    std::string table;
+    for (const Symbol& y : o.symbols) {
+        if (y.table != table) {
+            table = y.table;
+            size_t n = 0;
+            for (const Symbol& z : o.symbols) n += z.table == table;
+            out << "\nSymbol table '" << table << "' contains " << n << " entries:\n"
+                << "   Num:    Value  Size Type    Bind   Vis       Section          Extra    Name\n";
+        }
+        out << format("%6zu: %08x %5u %-7s %-6s %-9s %-16.16s %08x %s\n", y.index, y.value, y.size,
+                      symbolTypeName(y.info & 0xf), bindName(y.info >> 4), visibilityName(y.other), y.section.c_str(),
+                      y.extra, y.name.c_str());
+    }
+
+    std::string rel;
+    for (const Relocation& r : o.relocations) {
+        if (r.section != rel) {
+            rel = r.section;
+            size_t n = 0;
+            for (const Relocation& z : o.relocations) n += z.section == rel;
+            out << "\nRelocation section '" << rel << "' contains " << n << " entries:\n"
+                << " Offset     Info    Type  Symbol" << (r.rela ? " + Addend" : "") << "\n";
+        }
+        out << format("%08x  %08x  %4u  %s", r.offset, r.info, ELF32_R_TYPE(r.info), r.symbol.c_str());
+        if (r.rela)
+            out << format(" %c %x", r.addend < 0 ? '-' : '+',
+                          r.addend < 0 ? -static_cast<uint32_t>(r.addend) : static_cast<uint32_t>(r.addend));
+        out << "\n";
+    }
+
+    std::string lines;
+    for (const CoffLine& l : o.lines) {
+        if (l.section != lines) {
+            lines = l.section;
+            out << "\nCOFF line numbers in '" << lines << "':\n  Line  Address/symbol\n";
+        }
+        out << format("%6u  %08x%s\n", l.line, l.address, l.line == 0 ? " (symbol index)" : "");
+    }
+    std::string sdb;
+    for (const CoffEntry& e : o.coff) {
+        if (e.section != sdb) {
+            sdb = e.section;
+            out << "\nCOFF symbols in '" << sdb << "':\n   Num: Name             Value    Scn  Type Class Aux\n";
+        }
+        if (e.auxiliary) {
+            out << format("%6zu:   aux", e.index);
+            for (uint8_t b : e.bytes) out << ' ' << hex(b, 2);
+            out << "\n";
+        } else {
+            out << format("%6zu: %-16.16s %08x %4d %04x %5u %3u\n", e.index, e.name.c_str(), e.value, e.section_number,
+                          e.type, e.storage_class, e.aux_count);
+        }
+    }
+    if (!o.dwarf.empty()) out << "\nDWARF:\n";
+    for (const DwarfUnit& u : o.dwarf) {
+        if (!u.note.empty())
+            out << format("  %s at 0x%x: length 0x%x, version %u: %s\n", u.section.c_str(), u.offset, u.length,
+                          u.version, u.note.c_str());
+        else if (u.line)
+            out << format("  %s program at 0x%x: version %u, length 0x%x, header length 0x%x\n", u.section.c_str(),
+                          u.offset, u.version, u.length, u.header_length);
+        else
+            out << format("  %s unit at 0x%x: version %u, %s, length 0x%x, abbreviations at 0x%x, address size %u\n",
+                          u.section.c_str(), u.offset, u.version, unitTypeName(u.unit_type), u.length, u.abbrev_offset,
+                          u.address_size);
+    }
+}
+
+json problemsJson(const std::vector<Problem>& problems) {
+    json a = json::array();
+    for (const Problem& p : problems)
+        a.push_back(
+            {{"where", p.where}, {"code", p.code}, {"message", p.message}, {"context", p.context}, {"note", p.note}});
+    return a;
+}
+
+json objectJson(const Object& o) {
+    const Elf32_Ehdr& h = o.header;
+    json j;
+    j["file"] = o.file;
+    j["kind"] = "object";
+    j["size"] = o.size;
+    json ident = json::array();
+    for (unsigned char b : h.e_ident) ident.push_back(b);
+    j["header"] = {{"ident", ident},
+                   {"class", h.e_ident[EI_CLASS]},
+                   {"byte_order", h.e_ident[EI_DATA] == ELFDATA2MSB ? "big" : "little"},
+                   {"type", h.e_type},
+                   {"machine", h.e_machine},
+                   {"version", h.e_version},
+                   {"entry", h.e_entry},
+                   {"phoff", h.e_phoff},
+                   {"shoff", h.e_shoff},
+                   {"flags", h.e_flags},
+                   {"ehsize", h.e_ehsize},
+                   {"phentsize", h.e_phentsize},
+                   {"phnum", h.e_phnum},
+                   {"shentsize", h.e_shentsize},
+                   {"shnum", h.e_shnum},
+                   {"shstrndx", h.e_shstrndx},
+                   {"standard", o.standard}};
+    json sections = json::array();
+    for (const Section& s : o.sections) {
+        const Elf32_Shdr& x = s.header;
+        sections.push_back({{"index", s.index},
+                            {"name", s.name},
+                            {"type", x.sh_type},
+                            {"flags", x.sh_flags},
+                            {"addr", x.sh_addr},
+                            {"offset", x.sh_offset},
+                            {"size", x.sh_size},
+                            {"link", x.sh_link},
+                            {"info", x.sh_info},
+                            {"align", x.sh_addralign},
+                            {"entsize", x.sh_entsize},
+                            {"extra", x.sh_extra},
+                            {"read", s.read}});
+    }
+    j["sections"] = sections;
+    json symbols = json::array();
+    for (const Symbol& y : o.symbols)
+        symbols.push_back({{"table", y.table},
+                           {"index", y.index},
+                           {"name", y.name},
+                           {"value", y.value},
+                           {"size", y.size},
+                           {"type", symbolTypeName(y.info & 0xf)},
+                           {"binding", bindName(y.info >> 4)},
+                           {"visibility", visibilityName(y.other)},
+                           {"section", y.section},
+                           {"shndx", y.shndx},
+                           {"extra", y.extra}});
+    j["symbols"] = symbols;
+    json relocations = json::array();
+    for (const Relocation& r : o.relocations)
+        relocations.push_back({{"section", r.section},
+                               {"offset", r.offset},
+                               {"info", r.info},
+                               {"type", ELF32_R_TYPE(r.info)},
+                               {"symbol", r.symbol},
+                               {"addend", r.rela ? json(r.addend) : json(nullptr)}});
+    j["relocations"] = relocations;
+    json lines = json::array();
+    for (const CoffLine& l : o.lines)
+        lines.push_back({{"section", l.section}, {"address", l.address}, {"line", l.line}});
+    j["coff_lines"] = lines;
+    json coff = json::array();
+    for (const CoffEntry& e : o.coff) {
+        if (e.auxiliary) {
+            json bytes = json::array();
+            for (uint8_t b : e.bytes) bytes.push_back(b);
+            coff.push_back({{"section", e.section}, {"index", e.index}, {"auxiliary", bytes}});
+        } else {
+            coff.push_back({{"section", e.section},
+                            {"index", e.index},
+                            {"name", e.name},
+                            {"value", e.value},
+                            {"scnum", e.section_number},
+                            {"type", e.type},
+                            {"sclass", e.storage_class},
+                            {"numaux", e.aux_count}});
+        }
+    }
+    j["coff_symbols"] = coff;
+    json dwarf = json::array();
+    for (const DwarfUnit& u : o.dwarf) {
+        json d = {{"section", u.section},
+                  {"kind", u.line ? "line program" : "unit"},
+                  {"offset", u.offset},
+                  {"length", u.length},
+                  {"version", u.version}};
+        if (!u.note.empty()) d["note"] = u.note;
+        if (u.line) {
+            d["header_length"] = u.header_length;
+        } else {
+            d["unit_type"] = unitTypeName(u.unit_type);
+            d["abbrev_offset"] = u.abbrev_offset;
+            d["address_size"] = u.address_size;
+        }
+        dwarf.push_back(d);
+    }
+    j["dwarf"] = dwarf;
+    j["problems"] = problemsJson(o.problems);
+    return j;
+}
+
+}  // namespace
+
+void printText(std::ostream& out, const Inspected& f) {
+    if (!f.archive) {
+        out << "File: " << f.object.file << "\n";
+        if (f.object.header.e_ident[0] == 0x7f) printObject(out, f.object);
+        return;
+    }
+    const Archive& a = f.ar;
+    out << "Archive: " << a.file << "\n  Magic:   " << (a.big ? "!<sola>" : "!<elfa>")
+        << "\n  Numbers: " << (a.big ? "big" : "little") << " endian\n\nMembers:\n"
+        << "  Name                 Date         Uid   Gid   Mode     Size       Header   Data\n";
+    for (const Member& m : a.members)
+        out << format("  %-20.20s %-12d %-5d %-5d %-8d %-10u %08x %08x\n", m.name.c_str(), m.date, m.uid, m.gid, m.mode,
+                      m.layout.size, m.layout.headerOffset, m.layout.dataOffset);
+    if (a.hasSymbolTable) {
+        out << "\nArchive symbol table (" << a.symbols.size() << " entries):\n";
+        for (const ArchiveSymbolEntry& s : a.symbols)
+            out << format("  %-32s %08x %s\n", s.name.c_str(), s.offset, s.member.c_str());
+    } else {
+        out << "\nNo archive symbol table.\n";
+    }
+    for (const Member& m : a.members) {
+        if (!m.isObject) continue;
+        out << "\nMember: " << m.name << "\n";
+        printObject(out, m.object);
+    }
+}
+
+json toJson(const Inspected& f) {
+    if (!f.archive) return objectJson(f.object);
+    const Archive& a = f.ar;
+    json j;
+    j["file"] = a.file;
+    j["kind"] = "archive";
+    j["magic"] = a.big ? "!<sola>" : "!<elfa>";
+    j["byte_order"] = a.big ? "big" : "little";
+    json members = json::array();
+    for (const Member& m : a.members) {
+        json mj = {{"name", m.name},
+                   {"date", m.date},
+                   {"uid", m.uid},
+                   {"gid", m.gid},
+                   {"mode", m.mode},
+                   {"size", m.layout.size},
+                   {"header_offset", m.layout.headerOffset},
+                   {"data_offset", m.layout.dataOffset}};
+        mj["object"] = m.isObject ? objectJson(m.object) : json(nullptr);
+        if (!m.isObject) mj["problems"] = problemsJson(m.object.problems);
+        members.push_back(mj);
+    }
+    j["members"] = members;
+    json symbols = json::array();
+    for (const ArchiveSymbolEntry& s : a.symbols)
+        symbols.push_back({{"name", s.name}, {"offset", s.offset}, {"member", s.member}});
+    j["symbol_table"] = a.hasSymbolTable ? symbols : json(nullptr);
+    j["problems"] = problemsJson(a.problems);
+    return j;
+}
+
+size_t printProblems(std::ostream& out, const Inspected& f) {
+    size_t n = 0;
+    auto print = [&](const std::string& file, const Problem& p) {
+        ++n;
+        out << file << ": " << p.where << ": ";
+        if (p.code) out << "code " << p.code << ": ";
+        out << p.message;
+        if (!p.context.empty()) out << " (in " << p.context << ")";
+        if (!p.note.empty()) out << "; " << p.note;
+        out << "\n";
+    };
+    if (!f.archive) {
+        for (const Problem& p : f.object.problems) print(f.object.file, p);
+        return n;
+    }
+    for (const Problem& p : f.ar.problems) print(f.ar.file, p);
+    for (const Member& m : f.ar.members)
+        for (const Problem& p : m.object.problems) print(f.ar.file + "(" + m.name + ")", p);
+    return n;
+}
+
+}  // namespace tool

@@ -1,0 +1,20 @@
+// The listings of `info` (laid out as readelf -h -S -s -r users expect) and
+// its JSON document, and the problem report of `check`.
+#pragma once
+
+#include <ostream>
+
+#include <nlohmann/json.hpp>
+
+#include "Inspect.h"
+
+namespace tool {
+
+void printText(std::ostream& out, const Inspected& file);
+nlohmann::json toJson(const Inspected& file);
+
+// One line per problem: file, place, code, message, context, and what was
+// done. Returns how many there were.
+size_t printProblems(std::ostream& out, const Inspected& file);
+
+}  // namespace tool
