@@ -35,25 +35,27 @@ struct Plan {
 };
 
 // What the walk needs of an abbreviation whose code is one byte, in one
-// flat array so that an entry costs one load: a record of fixed size with
-// its reversals inline, or the way to the general plan.
+// flat array so that an entry costs one load. Most abbreviations have one of
+// two shapes: a record of fixed size (from the code byte on), or such a
+// record, one value whose width the bytes tell (a LEB128, a string, a
+// block or expression), and another record. Their records reverse only
+// 4-byte words, done without branching on how many. Any other abbreviation
+// goes through its general plan.
+struct QuickRecord {
+    uint16_t size = 0;
+    uint8_t words = 0;    // reversals made: 2 or 4 (padded as needed)
+    uint8_t scratch = 0;  // bit i: reversal i is padding, on a scratch word
+    uint16_t offset[4] = {};
+};
 struct Quick {
-    static constexpr int kInline = 4;
+    // OneLeb and OneExpression: OneValue whose value is a LEB128 or an
+    // exprloc. End: the 0 byte that ends a list of children.
+    enum Shape : uint8_t { General, Fixed, OneValue, OneLeb, OneExpression, End };
     const CDwarfAbbrevEntry* entry = nullptr;  // null: no abbreviation has the code
-    uint32_t size = 0;                         // of a fixed record, from the code byte on
-    bool fixed = false;
+    Shape shape = General;
     bool children = false;
-    uint8_t count = 0;
-    // Words: every reversed field is 4 bytes, and `words` (0, 2 or 4)
-    // reversals are made without a branch, those at the `scratch` bits on a
-    // scratch word (an odd count is padded).
-    bool words = false;
-    uint8_t wordCount = 0;
-    uint8_t scratch = 0;
-    struct {
-        uint16_t offset;
-        uint8_t width;
-    } fields[kInline] = {};
+    Step value{Step::Unknown, 0, false, 0};  // OneValue: the value between the records
+    QuickRecord head, tail;
 };
 
 }  // namespace tamo::dwarf

@@ -214,28 +214,26 @@ public:
         return true;
     }
 
-    // A record of q.size bytes whose reversed fields are all 4-byte words:
-    // q.wordCount reversals, without a branch on how many (those marked in
-    // q.scratch land on a scratch word and change nothing).
-    template <class Quick>
-    bool WordRecord(const Quick& q) {
-        if (!has(q.size)) return failStep();
+    // A record whose reversed fields are all 4-byte words: two reversals
+    // (four when r.words says so), without a branch on how many there are
+    // (those marked in r.scratch land on a scratch word and change nothing).
+    template <class QuickRecord>
+    bool WordRecord(const QuickRecord& r) {
+        if (!has(r.size)) return failStep();
         uint8_t* d = m_dst + m_pos;
-        if (!inPlace()) std::memcpy(d, m_src + m_pos, q.size);
-        if (q.wordCount) {
-            uint8_t scratch[4];
-            auto word = [&](int i) {
-                uint8_t* p = (q.scratch >> i) & 1 ? scratch : d + q.fields[i].offset;
-                storeRaw(p, bswap32(loadRaw<uint32_t>(p)));
-            };
-            word(0);
-            word(1);
-            if (q.wordCount > 2) {
-                word(2);
-                word(3);
-            }
+        if (!inPlace()) std::memcpy(d, m_src + m_pos, r.size);
+        uint8_t scratch[4] = {};
+        auto word = [&](int i) {
+            uint8_t* p = (r.scratch >> i) & 1 ? scratch : d + r.offset[i];
+            storeRaw(p, bswap32(loadRaw<uint32_t>(p)));
+        };
+        word(0);
+        word(1);
+        if (r.words > 2) {
+            word(2);
+            word(3);
         }
-        m_pos += q.size;
+        m_pos += r.size;
         return true;
     }
 

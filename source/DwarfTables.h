@@ -175,6 +175,32 @@ constexpr std::array<Operands, 256> makeOps() {
 
 inline constexpr std::array<Operands, 256> kOperands = detail::makeOps();
 
+// The operations whose operands have no byte order, by how many bytes they
+// take: 0 none, 1 one byte, 2 one LEB128; 3 anything else.
+namespace detail {
+constexpr std::array<uint8_t, 256> makePlain() {
+    std::array<uint8_t, 256> p{};
+    for (int op = 0; op < 256; ++op) {
+        switch (kOperands[op]) {
+            case Operands::None:
+                p[op] = 0;
+                break;
+            case Operands::Byte:
+                p[op] = 1;
+                break;
+            case Operands::Uleb:
+            case Operands::Sleb:
+                p[op] = 2;
+                break;
+            default:
+                p[op] = 3;
+        }
+    }
+    return p;
+}
+}  // namespace detail
+inline constexpr std::array<uint8_t, 256> kPlainOperands = detail::makePlain();
+
 // Attributes whose block-form values are location expressions.
 inline constexpr bool isLocationAttribute(uint32_t at) {
     switch (at) {

@@ -279,15 +279,13 @@ bool swapValue(CursorPair& c, uint32_t form, uint32_t attribute, const Unit& u) 
 // operands have no byte order (DW_OP_fbreg, DW_OP_call_frame_cfa,
 // DW_OP_addrx, ... as compilers emit them by the thousand): copied as it is.
 inline bool reversesNothing(const uint8_t* p, size_t length) {
-    if (length == 0 || length > 3) return false;
-    switch (dwarf::kOperands[p[0]]) {
-        case Operands::None:
-            return length == 1;
-        case Operands::Byte:
-            return length == 2;
-        case Operands::Uleb:
-        case Operands::Sleb:  // a LEB128 that ends with the expression
-            return length > 1 && !(p[length - 1] & 0x80) && (length == 2 || (p[1] & 0x80));
+    switch (length) {
+        case 1:
+            return dwarf::kPlainOperands[p[0]] == 0;
+        case 2:
+            return dwarf::kPlainOperands[p[0]] == 1 || (dwarf::kPlainOperands[p[0]] == 2 && p[1] < 0x80);
+        case 3:  // a LEB128 of two bytes
+            return dwarf::kPlainOperands[p[0]] == 2 && (p[1] & 0x80) && p[2] < 0x80;
         default:
             return false;
     }
@@ -304,6 +302,25 @@ inline bool reversesNothing(const uint8_t* p, size_t length) {
     return c;
 }
 
+// A value whose width the bytes tell: a LEB128, a string, or a block (an
+// expression, or bytes).
+template <dwarf::Buffers B>
+[[gnu::always_inline]] inline bool value(dwarf::BasicCursorPair<B>& c, const Step& s, const Unit& u) {
+    if (s.kind == Step::Leb) return c.Uleb();
+    if (s.kind == Step::String) return c.CopyString();
+    uint64_t length = 0;
+    if (!(s.width ? c.ReadAndSwap(s.width, length) : c.Uleb(&length))) return false;
+    if (!c.has(length)) {
+        c.fail();
+        return false;
+    }
+    if (s.expression && !reversesNothing(c.source() + c.pos(), static_cast<size_t>(length))) {
+        expressionAt(CursorPair(c), c.pos() + static_cast<size_t>(length), u);
+        return c.Handled(static_cast<size_t>(length));
+    }
+    return c.CopyN(static_cast<size_t>(length));
+}
+
 // The values of one entry, by its abbreviation's plan.
 template <dwarf::Buffers B>
 [[gnu::always_inline]] inline bool swap_dwarf_attributes(const CDwarfAbbrevEntry& entry, dwarf::BasicCursorPair<B>& c,
@@ -315,26 +332,10 @@ template <dwarf::Buffers B>
                 c.Record(s.value, p.reversals.data() + s.first, s.count);
                 break;
             case Step::Leb:
-                c.Uleb();
-                break;
             case Step::String:
-                c.CopyString();
+            case Step::Block:
+                value(c, s, u);
                 break;
-            case Step::Block: {
-                uint64_t length = 0;
-                if (!(s.width ? c.ReadAndSwap(s.width, length) : c.Uleb(&length))) break;
-                if (!c.has(length)) {
-                    c.fail();
-                } else if (!s.expression) {
-                    c.CopyN(static_cast<size_t>(length));
-                } else if (!reversesNothing(c.source() + c.pos(), static_cast<size_t>(length))) {
-                    expressionAt(CursorPair(c), c.pos() + static_cast<size_t>(length), u);
-                    c.Handled(static_cast<size_t>(length));
-                } else {
-                    c.CopyN(static_cast<size_t>(length));
-                }
-                break;
-            }
             case Step::Indirect:
                 c = dwarf::BasicCursorPair<B>(indirectStep(CursorPair(c), s.value, u));
                 break;
@@ -345,6 +346,49 @@ template <dwarf::Buffers B>
         if (c.failed()) return false;
     }
     return true;
+}
+
+// A record of the plan as a quick record (one more byte in front, the code,
+// when `code`); false when it reverses other than words or is large.
+bool quickRecord(const dwarf::Plan& p, const Step* s, bool code, dwarf::QuickRecord& r) {
+    const uint32_t count = s ? s->count : 0;
+    const uint32_t size = (s ? s->value : 0) + (code ? 1 : 0);
+    if (size > UINT16_MAX || count > 4) return false;
+    r = dwarf::QuickRecord{};
+    r.size = static_cast<uint16_t>(size);
+    for (uint32_t i = 0; i < count; ++i) {
+        const dwarf::Reversal& f = p.reversals[s->first + i];
+        if (f.width != 4) return false;
+        r.offset[i] = static_cast<uint16_t>(f.offset + (code ? 1 : 0));
+    }
+    r.words = count > 2 ? 4 : 2;
+    for (uint32_t i = count; i < r.words; ++i) r.scratch = static_cast<uint8_t>(r.scratch | (1u << i));
+    return true;
+}
+
+// The shape of an abbreviation's plan (see dwarf::Quick).
+void shape(dwarf::Quick& q, const dwarf::Plan& p) {
+    const std::vector<Step>& s = p.steps;
+    auto isRecord = [](const Step& x) { return x.kind == Step::Record; };
+    auto isValue = [](const Step& x) { return x.kind == Step::Leb || x.kind == Step::String || x.kind == Step::Block; };
+    if (s.empty() || (s.size() == 1 && isRecord(s[0]))) {
+        if (quickRecord(p, s.empty() ? nullptr : &s[0], true, q.head)) q.shape = dwarf::Quick::Fixed;
+        return;
+    }
+    size_t i = 0;  // [record] value [record]
+    const Step* head = isRecord(s[0]) ? &s[i++] : nullptr;
+    if (i >= s.size() || !isValue(s[i])) return;
+    const Step* middle = &s[i++];
+    const Step* tail = i < s.size() && isRecord(s[i]) ? &s[i++] : nullptr;
+    if (i == s.size() && quickRecord(p, head, true, q.head) && quickRecord(p, tail, false, q.tail)) {
+        q.value = *middle;
+        if (middle->kind == Step::Leb)
+            q.shape = dwarf::Quick::OneLeb;
+        else if (middle->kind == Step::Block && middle->width == 0 && middle->expression)
+            q.shape = dwarf::Quick::OneExpression;
+        else
+            q.shape = dwarf::Quick::OneValue;
+    }
 }
 
 // The abbreviations with one-byte codes of the table a unit uses, for the
@@ -360,100 +404,25 @@ struct QuickTable {
         table = &t;
         key = u.key();
         entries.assign(0x80, dwarf::Quick{});
+        entries[0].shape = dwarf::Quick::End;
         for (uint32_t code = 1; code < 0x80; ++code) {
             const CDwarfAbbrevEntry* e = t.find(code);
             if (!e) continue;
             dwarf::Quick& q = entries[code];
             q.entry = e;
             q.children = e->m_bHasChildren;
-            // A fixed entry is one record from its code byte on.
-            q.size = 1;
-            const dwarf::Plan& p = planOf(*e, u);
-            if (p.steps.empty()) {
-                q.fixed = true;
-            } else if (p.steps.size() == 1 && p.steps[0].kind == Step::Record &&
-                       p.steps[0].count <= dwarf::Quick::kInline && p.steps[0].value < UINT16_MAX) {
-                q.fixed = true;
-                q.size += p.steps[0].value;
-                q.count = static_cast<uint8_t>(p.steps[0].count);
-                q.words = true;
-                for (uint8_t i = 0; i < q.count; ++i) {
-                    const dwarf::Reversal& r = p.reversals[p.steps[0].first + i];
-                    q.fields[i] = {static_cast<uint16_t>(r.offset + 1), r.width};
-                    q.words = q.words && r.width == 4;
-                }
-            }
-            if (q.fixed && q.words) {
-                q.wordCount = static_cast<uint8_t>((q.count + 1) & ~1);
-                for (uint8_t i = q.count; i < q.wordCount; ++i) q.scratch |= static_cast<uint8_t>(1u << i);
-            }
+            shape(q, planOf(*e, u));
         }
         return entries;
     }
 };
 
-// One debugging entry and its children, walked without recursion on a copy
-// of the cursor that the compiler keeps in registers, for buffers known to
-// be the same or distinct.
-template <dwarf::Buffers B>
-bool entryWalk(const CDwarfAbbrevTable& table, CursorPair& outer, const Unit& u, const dwarf::Quick* quick) {
-    dwarf::BasicCursorPair<B> c(outer);
-    size_t depth = 0;
-    bool ok = false;
-    for (;;) {
-        if (!c.has(1)) break;
-        const uint8_t first = c.peekInRange();
-        if (first == 0 && depth > 0) {  // the end of a list of children
-            c.CopyN(1);
-            if (--depth == 0) {
-                ok = true;
-                break;
-            }
-            continue;
-        }
-        bool children;
-        if (first < 0x80 && quick[first].entry) {
-            const dwarf::Quick& q = quick[first];
-            children = q.children;
-            if (q.fixed && q.words) {
-                if (!c.WordRecord(q)) break;
-            } else if (q.fixed) {
-                if (!c.Record(q.size, q.fields, q.count)) break;
-            } else if (!c.CopyN(1) || !swap_dwarf_attributes(*q.entry, c, u)) {
-                break;
-            }
-        } else {
-            uint64_t code = 0;
-            if (!c.Uleb(&code)) break;
-            const CDwarfAbbrevEntry* entry = code <= UINT32_MAX ? table.find(static_cast<uint32_t>(code)) : nullptr;
-            if (!entry || !swap_dwarf_attributes(*entry, c, u)) break;
-            children = entry->m_bHasChildren;
-        }
-        if (children) {
-            ++depth;
-        } else if (depth == 0) {
-            ok = true;
-            break;
-        }
-    }
-    outer = CursorPair(c);
-    return ok;
-}
-
-bool swap_dwarf_entry(const CDwarfAbbrevTable& table, CursorPair& c, const Unit& u, QuickTable& quickTable) {
-    const dwarf::Quick* quick = quickTable.of(table, u).data();
-    return c.inPlace() ? entryWalk<dwarf::Buffers::Same>(table, c, u, quick)
-                       : entryWalk<dwarf::Buffers::Distinct>(table, c, u, quick);
-}
-
-// ---------------------------------------------------------------------------
-// Units and programs
-
 // The unit or program starting at the cursor: its end, or 0 when its length
 // or version cannot be trusted (64-bit DWARF, a reserved length, a unit past
 // the end of the data, a version the walks do not know). Such a unit is
 // copied unchanged with the rest of the section.
-size_t unitEnd(const CursorPair& c, unsigned& version) {
+template <dwarf::Buffers B>
+size_t unitEnd(const dwarf::BasicCursorPair<B>& c, unsigned& version) {
     const size_t start = c.pos();
     uint64_t length = 0, v = 0;
     if (!c.valueAt(start, 4, length) || length >= dwarf::kReservedLength) return 0;
@@ -462,15 +431,11 @@ size_t unitEnd(const CursorPair& c, unsigned& version) {
     return start + 4 + static_cast<size_t>(length);
 }
 
-// One compilation (or type) unit of .debug_info.
-void endian_swap_debug_info_section(CursorPair& c, QuickTable& quick) {
-    Unit u;
-    const size_t end = unitEnd(c, u.version);
-    if (!end) {
-        c.copyRest();
-        return;
-    }
-    const size_t outer = c.limit(end);
+// The header of a .debug_info unit whose range the cursor is limited to:
+// converted, and the unit's abbreviation table (null when it has none or
+// the header cannot be sized).
+template <dwarf::Buffers B>
+const CDwarfAbbrevTable* endian_swap_debug_info_section(dwarf::BasicCursorPair<B>& c, Unit& u) {
     uint64_t abbrevOffset = 0;
     c.Swap(4) && c.Swap(2);
     if (u.version >= 5) {
@@ -488,13 +453,129 @@ void endian_swap_debug_info_section(CursorPair& c, QuickTable& quick) {
         c.ReadAndSwap(4, abbrevOffset) && c.Byte(addressSize);
         u.addressSize = addressWidth(addressSize);
     }
-    const CDwarfAbbrevTable* table =
-        abbrevOffset <= UINT32_MAX ? CDwarfAbbrevTable::findTable(static_cast<uint32_t>(abbrevOffset)) : nullptr;
-    if (c.ok() && table) swap_dwarf_entry(*table, c, u, quick);
-    // Bytes after the entry tree, or all of the unit the walk could not
-    // size, go unchanged.
-    c.copyRest();
-    c.restore(outer);
+    if (!c.ok() || abbrevOffset > UINT32_MAX) return nullptr;
+    return CDwarfAbbrevTable::findTable(static_cast<uint32_t>(abbrevOffset));
+}
+
+// The walk of .debug_info units, one step (a unit header, or one debugging
+// entry) at a time without recursion. A lane is a plain value: the walk
+// keeps it in registers, and the out-of-line steps take and give it back by
+// value.
+template <dwarf::Buffers B>
+struct Lane {
+    dwarf::BasicCursorPair<B> c;
+    const dwarf::Quick* quick = nullptr;
+    const CDwarfAbbrevTable* table = nullptr;
+    Unit u;
+    size_t depth = 0;
+    size_t outer = 0;
+    bool inUnit = false;
+
+    Lane(const CursorPair& whole, size_t begin, size_t end)
+        : c(whole.source(), whole.destination(), whole.size(), whole.srcNative(), begin, end) {}
+    bool done() const { return !inUnit && c.pos() >= c.end(); }
+};
+
+// Bytes after the entry tree, or all of the unit the walk could not size,
+// go unchanged.
+template <dwarf::Buffers B>
+[[gnu::always_inline]] inline void finishUnit(Lane<B>& l) {
+    l.c.copyRest();
+    l.c.restore(l.outer);
+    l.inUnit = false;
+}
+
+// Starts the unit at the lane's cursor: its header, then its entries; or
+// copies what cannot be walked.
+template <dwarf::Buffers B>
+[[gnu::noinline]] Lane<B> startUnit(Lane<B> l, QuickTable& quickTable) {
+    l.u = Unit{};
+    const size_t end = unitEnd(l.c, l.u.version);
+    if (!end) {
+        l.c.copyRest();  // the rest of the section
+        return l;
+    }
+    l.outer = l.c.limit(end);
+    l.table = endian_swap_debug_info_section(l.c, l.u);
+    if (!l.table) {
+        finishUnit(l);
+        return l;
+    }
+    l.quick = quickTable.of(*l.table, l.u).data();
+    l.depth = 0;
+    l.inUnit = true;
+    return l;
+}
+
+// One debugging entry (or the end of a list of children).
+template <dwarf::Buffers B>
+[[gnu::always_inline]] inline void swap_dwarf_entry(Lane<B>& l) {
+    auto& c = l.c;
+    if (!c.has(1)) return finishUnit(l);
+    const uint8_t first = c.peekInRange();
+    const CDwarfAbbrevEntry* entry;
+    bool children;
+    if (first < 0x80) {
+        const dwarf::Quick& q = l.quick[first];
+        switch (q.shape) {
+            case dwarf::Quick::Fixed:
+                if (!c.WordRecord(q.head)) return finishUnit(l);
+                break;
+            case dwarf::Quick::OneLeb:
+                if (!c.WordRecord(q.head) || !c.Uleb() || !c.WordRecord(q.tail)) return finishUnit(l);
+                break;
+            case dwarf::Quick::OneExpression: {
+                uint64_t length = 0;
+                if (!c.WordRecord(q.head) || !c.Uleb(&length) || !c.has(length)) return finishUnit(l);
+                if (reversesNothing(c.source() + c.pos(), static_cast<size_t>(length))) {
+                    c.CopyN(static_cast<size_t>(length));
+                } else {
+                    expressionAt(CursorPair(c), c.pos() + static_cast<size_t>(length), l.u);
+                    c.Handled(static_cast<size_t>(length));
+                }
+                if (!c.WordRecord(q.tail)) return finishUnit(l);
+                break;
+            }
+            case dwarf::Quick::OneValue:
+                if (!c.WordRecord(q.head) || !value(c, q.value, l.u) || !c.WordRecord(q.tail)) return finishUnit(l);
+                break;
+            case dwarf::Quick::End:
+                // The end of a list of children; at the top, a code no
+                // abbreviation has.
+                if (l.depth == 0) return finishUnit(l);
+                c.CopyN(1);
+                if (--l.depth == 0) finishUnit(l);
+                return;
+            case dwarf::Quick::General:
+                if (!q.entry || !c.CopyN(1) || !swap_dwarf_attributes(*q.entry, c, l.u)) return finishUnit(l);
+                break;
+        }
+        children = q.children;
+    } else {
+        uint64_t code = 0;
+        if (!c.Uleb(&code)) return finishUnit(l);
+        entry = code <= UINT32_MAX ? l.table->find(static_cast<uint32_t>(code)) : nullptr;
+        if (!entry || !swap_dwarf_attributes(*entry, c, l.u)) return finishUnit(l);
+        children = entry->m_bHasChildren;
+    }
+    // The tree ends after a childless entry at the top.
+    l.depth += children;
+    if (l.depth == 0) finishUnit(l);
+}
+
+template <dwarf::Buffers B>
+[[gnu::always_inline]] inline void step(Lane<B>& l, QuickTable& quickTable) {
+    if (l.inUnit)
+        swap_dwarf_entry(l);
+    else
+        l = startUnit(l, quickTable);
+}
+
+template <dwarf::Buffers B>
+void debugInfo(const CursorPair& whole) {
+    QuickTable quick;
+    Lane<B> one(whole, 0, whole.size());
+    while (!one.done()) step(one, quick);
 }
 
 // The directory or file table of a version 5 line program header: entry
@@ -618,13 +699,17 @@ void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf
         }
     }
     deferred.insert(deferred.begin(), Deferred{src, dst, size, srcNative});
-    QuickTable quick;
     for (const Deferred& d : deferred) {
         CursorPair c(reinterpret_cast<const uint8_t*>(d.src), reinterpret_cast<uint8_t*>(d.dst), d.size, d.srcNative);
+        if (info) {
+            if (c.inPlace())
+                debugInfo<dwarf::Buffers::Same>(c);
+            else
+                debugInfo<dwarf::Buffers::Distinct>(c);
+            continue;
+        }
         while (c.pos() < d.size) {
-            if (info)
-                endian_swap_debug_info_section(c, quick);
-            else if (line)
+            if (line)
                 endian_swap_debug_line_section(c);
             else
                 c.copyRest();
