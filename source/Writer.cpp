@@ -168,20 +168,13 @@ int Elf_Scn::update(uint64_t& pos) {
 }
 
 bool Elf::layoutCarried(size_t index, uint64_t& pos) {
-    // A section never asked for is copied from the file. It follows the
-    // rules of a section without pieces: the null section and SHT_NULL
-    // take no room, SHT_NOBITS none in the file; under the caller's layout
-    // it stays where its header says.
+    // A section never asked for is copied from the file as it stands: a
+    // SHT_NULL section (section 0) is left as it is, SHT_NOBITS takes no room
+    // in the file, and under the caller's layout a section stays where its
+    // header says. Its bytes are never dropped, whatever its name.
     const Elf32_Shdr& sh = *get_shdr(index);
     Carried c{index, sh.sh_offset, sh.sh_size, sh.sh_addralign, false};
     if (sh.sh_type == SHT_NULL) return true;
-    if (sh.sh_name == 0) {
-        if (!m_bLayout) {
-            c.offset = c.size = c.align = 0;
-            m_carried.push_back(c);
-        }
-        return true;
-    }
     const bool nobits = sh.sh_type == SHT_NOBITS;
     if (m_bLayout) {
         pos = std::max<uint64_t>(pos, static_cast<uint64_t>(sh.sh_offset) + (nobits ? 0 : sh.sh_size));

@@ -28,6 +28,7 @@
 
 #include "DwarfAbbrev.h"
 #include "DwarfCursor.h"
+#include "DwarfExpression.h"
 #include "DwarfTables.h"
 #include "tamoelf.h"
 
@@ -81,80 +82,6 @@ unsigned addressWidth(unsigned size) {
 // ---------------------------------------------------------------------------
 // Location expressions
 
-CursorPair locationExpression(CursorPair c, size_t end, const Unit& u, int depth);
-
-[[gnu::always_inline]] inline bool swap_location_machine(CursorPair& c, size_t end, const Unit& u, int depth) {
-    while (c.pos() < end) {
-        uint8_t op = 0;
-        if (!c.Byte(op)) return false;
-        uint64_t n = 0;
-        uint8_t size = 0;
-        switch (dwarf::kOperands[op]) {
-            case Operands::None:
-                break;
-            case Operands::Byte:
-                c.CopyN(1);
-                break;
-            case Operands::Half:
-                c.Swap(2);
-                break;
-            case Operands::Word:
-                c.Swap(4);
-                break;
-            case Operands::Dword:
-                c.Swap(8);
-                break;
-            case Operands::Address:
-                c.Swap(u.addressSize);
-                break;
-            case Operands::Uleb:
-            case Operands::Sleb:
-                c.Uleb();
-                break;
-            case Operands::TwoLeb:
-                c.Uleb() && c.Uleb();
-                break;
-            case Operands::WordSleb:
-                c.Swap(4) && c.Uleb();
-                break;
-            case Operands::ByteUleb:
-                c.CopyN(1) && c.Uleb();
-                break;
-            case Operands::Bytes:
-                if (c.Uleb(&n) && c.has(n))
-                    c.CopyN(static_cast<size_t>(n));
-                else
-                    c.fail();
-                break;
-            case Operands::Expression:
-                if (c.Uleb(&n) && c.has(n))
-                    c = locationExpression(c, c.pos() + static_cast<size_t>(n), u, depth + 1);
-                else
-                    c.fail();
-                break;
-            case Operands::ConstType:
-                c.Uleb() && c.Byte(size) && c.Swap(size);
-                break;
-            case Operands::Unknown:
-                return false;  // its operands cannot be known: the rest goes as it is
-        }
-        if (c.failed()) return false;
-    }
-    return true;
-}
-
-// One location expression ending at `end`. A malformed or unknown opcode
-// makes the rest of the expression go unchanged; the expression itself
-// always ends at `end`. The cursor goes in and comes back by value (so that
-// callers can keep theirs in registers).
-[[gnu::noinline]] CursorPair locationExpression(CursorPair c, size_t end, const Unit& u, int depth) {
-    const size_t outer = c.limit(end);
-    if (c.failed()) return c;
-    if (depth >= kMaxNesting || !swap_location_machine(c, end, u, depth)) c.copyRest();
-    c.restore(outer);
-    return c;
-}
-
 // The content of a block value: a location expression or plain bytes.
 bool blockContent(CursorPair& c, uint64_t length, bool isExpression, const Unit& u) {
     if (!c.has(length)) {
@@ -162,7 +89,7 @@ bool blockContent(CursorPair& c, uint64_t length, bool isExpression, const Unit&
         return false;
     }
     if (isExpression)
-        c = locationExpression(c, c.pos() + static_cast<size_t>(length), u, 0);
+        c = dwarf::locationExpression(c, c.pos() + static_cast<size_t>(length), u.addressSize);
     else
         c.CopyN(static_cast<size_t>(length));
     return c.ok();
@@ -295,7 +222,7 @@ inline bool reversesNothing(const uint8_t* p, size_t length) {
 // the buffers by a pair of its own: it reaches its end whatever it holds.
 [[gnu::noinline]] void expressionAt(const CursorPair& at, size_t end, const Unit& u) {
     CursorPair c(at.source(), at.destination(), at.size(), at.srcNative(), at.pos(), end);
-    if (!swap_location_machine(c, end, u, 0)) c.copyRest();
+    if (!dwarf::swap_location_machine(c, end, u.addressSize, 0)) c.copyRest();
 }
 [[gnu::noinline]] CursorPair indirectStep(CursorPair c, uint32_t attribute, const Unit& u) {
     swapValue(c, 0x16, attribute, u);  // DW_FORM_indirect
