@@ -18,7 +18,8 @@ namespace tamo::dwarf {
 // Nested expressions (DW_OP_entry_value) deeper than this are copied.
 inline constexpr int kMaxExpressionNesting = 16;
 
-inline CursorPair locationExpression(CursorPair c, size_t end, unsigned addressSize, int depth = 0);
+[[gnu::noinline]] inline CursorPair locationExpression(CursorPair c, size_t end, unsigned addressSize,
+                                                     int depth = 0);
 
 [[gnu::always_inline]] inline bool swap_location_machine(CursorPair& c, size_t end, unsigned addressSize, int depth) {
     while (c.pos() < end) {
