@@ -18,10 +18,11 @@ namespace tamo::dwarf {
 // Nested expressions (DW_OP_entry_value) deeper than this are copied.
 inline constexpr int kMaxExpressionNesting = 16;
 
-[[gnu::noinline]] inline CursorPair locationExpression(CursorPair c, size_t end, unsigned addressSize,
-                                                     int depth = 0);
+template <class Cursor>
+[[gnu::noinline]] Cursor locationExpression(Cursor c, size_t end, unsigned addressSize, int depth = 0);
 
-[[gnu::always_inline]] inline bool swap_location_machine(CursorPair& c, size_t end, unsigned addressSize, int depth) {
+template <class Cursor>
+[[gnu::always_inline]] inline bool swap_location_machine(Cursor& c, size_t end, unsigned addressSize, int depth) {
     while (c.pos() < end) {
         uint8_t op = 0;
         if (!c.Byte(op)) return false;
@@ -85,7 +86,8 @@ inline constexpr int kMaxExpressionNesting = 16;
 // makes the rest of the expression go unchanged; the expression itself
 // always ends at `end`. The cursor goes in and comes back by value (so that
 // callers can keep theirs in registers).
-[[gnu::noinline]] inline CursorPair locationExpression(CursorPair c, size_t end, unsigned addressSize, int depth) {
+template <class Cursor>
+[[gnu::noinline]] Cursor locationExpression(Cursor c, size_t end, unsigned addressSize, int depth) {
     const size_t outer = c.limit(end);
     if (c.failed()) return c;
     if (depth >= kMaxExpressionNesting || !swap_location_machine(c, end, addressSize, depth)) c.copyRest();
