@@ -824,11 +824,13 @@ TAMO_API unsigned long leb_to_ulong(unsigned char** pvbInval);
  * DWARF converter's abbreviation tables; sets no code of its own. */
 TAMO_API void ReadAbbrevTable(Elf* elf);
 
-/** Converts a DWARF section between byte orders: .debug_info (its
- * abbreviations read with ReadAbbrevTable(elf)) or .debug_line* (not
- * .debug_line_str, which is copied), sh_size bytes from src into dst (equal
- * or not overlapping). bSrcNative: src holds host order. Copies what it
- * cannot convert; sets no code. */
+/** Converts a DWARF section between byte orders: .debug_info or the
+ * DWARF 4 .debug_types (abbreviations read with ReadAbbrevTable(elf)), or
+ * .debug_line* (not .debug_line_str, which is copied), sh_size bytes from src
+ * into dst (equal or not overlapping). bSrcNative: src holds host order.
+ * Copies what it cannot convert; sets no code. Reading and writing route only
+ * .debug_info and .debug_line* here; .debug_types stays as stored unless a
+ * caller converts it with this function. */
 TAMO_API void endian_swap_dwarf_section(const char* name, char* src, char* dst, const Elf* elf,
                                         const Elf32_Shdr* shdr, bool bSrcNative);
 

@@ -110,6 +110,8 @@ public:
     const uint8_t* peekSection(const char* name, size_t& size, std::vector<uint8_t>& scratch);
 
     bool onImage() const { return m_pFile && m_pFile->isImage(); }
+    // The ELF header is worked on inside the caller's image (not a copy).
+    bool headerInImage() const { return onImage() && !m_ownedEhdr; }
     bool isArchive() const { return m_pAr != nullptr; }
     bool isMember() const { return m_pMember != nullptr; }
     int fd() const { return m_pFile ? m_pFile->m_iFd : -1; }

@@ -67,6 +67,18 @@ uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readab
             return nullptr;
         }
         if (!charge(size)) return nullptr;
+        if (off < sizeof(Elf32_Ehdr) && elf->headerInImage()) {
+            // Bytes over the ELF header, which the descriptor works on in
+            // the image: converting them there would change the header under
+            // it. The section gets its own copy.
+            auto* buf = static_cast<uint8_t*>(m_gc.allocate(static_cast<size_t>(size) + 1));
+            if (!buf) return nullptr;
+            std::memcpy(buf, base + off, static_cast<size_t>(size));
+            buf[size] = 0;
+            inImage = false;
+            readable = static_cast<size_t>(size) + 1;
+            return buf;
+        }
         inImage = true;
         readable = static_cast<size_t>(imageSize - off);
         return reinterpret_cast<uint8_t*>(base + off);

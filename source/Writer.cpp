@@ -281,6 +281,10 @@ long DataDesc::write2buff(char* buffer, uint64_t imageSize, uint64_t sectionOffs
         SETERR(ERR_NULL_PARAM);
         return -1;
     }
+    if (m_data.d_size == 0) {  // nothing to convert or copy, whatever d_buf is
+        secPos = off;
+        return 0;
+    }
     char* dst = buffer + sectionOffset + off;
     char* src = static_cast<char*>(m_data.d_buf);
     const unsigned order = elf->m_pEhdr->e_ident[EI_DATA];

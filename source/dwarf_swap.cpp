@@ -59,6 +59,7 @@ struct Deferred {
     char* dst;
     size_t size;
     bool srcNative;
+    bool types;
 };
 std::vector<Deferred> g_deferred;
 
@@ -66,6 +67,7 @@ std::vector<Deferred> g_deferred;
 struct Unit {
     unsigned version = 2;
     unsigned addressSize = 4;
+    bool typeUnit = false;  // a unit of .debug_types (DWARF 4)
     uint32_t key() const { return addressSize << 8 | version; }
 };
 
@@ -346,8 +348,8 @@ struct QuickTable {
 
 // The unit or program starting at the cursor: its end, or 0 when its length
 // or version cannot be trusted (64-bit DWARF, a reserved length, a unit past
-// the end of the data, a version the walks do not know). Such a unit is
-// copied unchanged with the rest of the section.
+// the end of the data, a version the walks do not know). Such a unit goes
+// with the rest of the section by copyUntrusted.
 template <dwarf::Buffers B>
 size_t unitEnd(const dwarf::BasicCursorPair<B>& c, unsigned& version) {
     const size_t start = c.pos();
@@ -356,6 +358,17 @@ size_t unitEnd(const dwarf::BasicCursorPair<B>& c, unsigned& version) {
     if (length > c.size() - start - 4 || length < 2 || !c.valueAt(start + 4, 2, v) || v < 2 || v > 5) return 0;
     version = static_cast<unsigned>(v);
     return start + 4 + static_cast<size_t>(length);
+}
+
+// The rest of the section from a unit that cannot be trusted: its length and
+// (after a length that is not reserved) its version are converted, as every
+// unit's are, so that converting back reads the same values and decides
+// alike; the rest is copied unchanged.
+template <dwarf::Buffers B>
+void copyUntrusted(dwarf::BasicCursorPair<B>& c) {
+    uint64_t length = 0;
+    if (c.ReadAndSwap(4, length) && length < dwarf::kReservedLength) c.Swap(2);
+    c.copyRest();
 }
 
 // The header of a .debug_info unit whose range the cursor is limited to:
@@ -379,6 +392,7 @@ const CDwarfAbbrevTable* endian_swap_debug_info_section(dwarf::BasicCursorPair<B
         uint8_t addressSize = 0;
         c.ReadAndSwap(4, abbrevOffset) && c.Byte(addressSize);
         u.addressSize = addressWidth(addressSize);
+        if (u.typeUnit) c.Swap(8) && c.Swap(4);  // type signature, type offset
     }
     if (!c.ok() || abbrevOffset > UINT32_MAX) return nullptr;
     return CDwarfAbbrevTable::findTable(static_cast<uint32_t>(abbrevOffset));
@@ -397,9 +411,10 @@ struct Lane {
     size_t depth = 0;
     size_t outer = 0;
     bool inUnit = false;
+    bool types = false;  // the units are .debug_types units
 
-    Lane(const CursorPair& whole, size_t begin, size_t end)
-        : c(whole.source(), whole.destination(), whole.size(), whole.srcNative(), begin, end) {}
+    Lane(const CursorPair& whole, size_t begin, size_t end, bool typeUnits)
+        : c(whole.source(), whole.destination(), whole.size(), whole.srcNative(), begin, end), types(typeUnits) {}
     bool done() const { return !inUnit && c.pos() >= c.end(); }
 };
 
@@ -417,9 +432,10 @@ template <dwarf::Buffers B>
 template <dwarf::Buffers B>
 [[gnu::noinline]] Lane<B> startUnit(Lane<B> l, QuickTable& quickTable) {
     l.u = Unit{};
+    l.u.typeUnit = l.types;
     const size_t end = unitEnd(l.c, l.u.version);
     if (!end) {
-        l.c.copyRest();  // the rest of the section
+        copyUntrusted(l.c);
         return l;
     }
     l.outer = l.c.limit(end);
@@ -499,9 +515,9 @@ template <dwarf::Buffers B>
 }
 
 template <dwarf::Buffers B>
-void debugInfo(const CursorPair& whole) {
+void debugInfo(const CursorPair& whole, bool types) {
     QuickTable quick;
-    Lane<B> one(whole, 0, whole.size());
+    Lane<B> one(whole, 0, whole.size(), types);
     while (!one.done()) step(one, quick);
 }
 
@@ -574,7 +590,7 @@ void endian_swap_debug_line_section(CursorPair& c) {
     Unit u;
     const size_t end = unitEnd(c, u.version);
     if (!end) {
-        c.copyRest();
+        copyUntrusted(c);
         return;
     }
     const size_t outer = c.limit(end);
@@ -604,14 +620,17 @@ void endian_swap_debug_line_section(CursorPair& c) {
 
 void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf* elf, bool srcNative,
                   const AbbrevBytes* abbrev) {
-    const bool info = std::strcmp(name, ".debug_info") == 0;
+    // .debug_types (DWARF 4) holds units of .debug_info's kind with a longer
+    // header; nothing routes it here on reading, but callers may convert it.
+    const bool types = std::strcmp(name, ".debug_types") == 0;
+    const bool info = types || std::strcmp(name, ".debug_info") == 0;
     // .debug_line_str holds only strings.
     const bool line = std::strncmp(name, ".debug_line", 11) == 0 && std::strcmp(name, ".debug_line_str") != 0;
     std::vector<Deferred> deferred;
     if (info) {
         if (bInHere) {
             try {
-                g_deferred.push_back({src, dst, size, srcNative});
+                g_deferred.push_back({src, dst, size, srcNative, types});
             } catch (const std::bad_alloc&) {
                 // Without room to record it the section stays as it is.
             }
@@ -625,14 +644,14 @@ void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf
             deferred.swap(g_deferred);
         }
     }
-    deferred.insert(deferred.begin(), Deferred{src, dst, size, srcNative});
+    deferred.insert(deferred.begin(), Deferred{src, dst, size, srcNative, types});
     for (const Deferred& d : deferred) {
         CursorPair c(reinterpret_cast<const uint8_t*>(d.src), reinterpret_cast<uint8_t*>(d.dst), d.size, d.srcNative);
         if (info) {
             if (c.inPlace())
-                debugInfo<dwarf::Buffers::Same>(c);
+                debugInfo<dwarf::Buffers::Same>(c, d.types);
             else
-                debugInfo<dwarf::Buffers::Distinct>(c);
+                debugInfo<dwarf::Buffers::Distinct>(c, d.types);
             continue;
         }
         while (c.pos() < d.size) {

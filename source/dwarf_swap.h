@@ -14,7 +14,7 @@ struct AbbrevBytes {
     size_t size;
 };
 
-// Converts the `size` bytes of a .debug_info or .debug_line* section from
+// Converts the `size` bytes of a .debug_info, .debug_types or .debug_line* section from
 // src into dst (equal or disjoint). srcNative: src holds host order. The
 // walk never goes past the buffer given. A .debug_info conversion reads its
 // abbreviations from `abbrev` when given, else through ReadAbbrevTable(elf).

@@ -54,6 +54,43 @@ inline Fields raw(const Bytes& b) {
 }
 inline Fields raw(const std::string& s) { return raw(Bytes(s.begin(), s.end())); }
 
+// DWARF's pieces: bytes, LEB128 numbers, strings with their NUL.
+inline Fields bytes(std::initializer_list<uint8_t> b) {
+    return raw(Bytes(b));
+}
+inline Fields uleb(uint64_t v) {
+    Fields f;
+    do {
+        uint8_t b = v & 0x7f;
+        v >>= 7;
+        f.push_back({1, static_cast<uint8_t>(b | (v ? 0x80 : 0))});
+    } while (v);
+    return f;
+}
+inline Fields sleb(int64_t v) {
+    Fields f;
+    for (bool more = true; more;) {
+        uint8_t b = v & 0x7f;
+        v >>= 7;
+        more = !((v == 0 && !(b & 0x40)) || (v == -1 && (b & 0x40)));
+        f.push_back({1, static_cast<uint8_t>(b | (more ? 0x80 : 0))});
+    }
+    return f;
+}
+inline Fields str(const std::string& s) {
+    return raw(Bytes(s.begin(), s.end() + 1));
+}
+inline Fields cat(std::initializer_list<Fields> parts) {
+    Fields out;
+    for (const Fields& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+inline size_t width(const Fields& f) {
+    size_t n = 0;
+    for (const Field& x : f) n += x.width;
+    return n;
+}
+
 inline Fields words(std::initializer_list<uint32_t> ws) {
     Fields f;
     for (uint32_t w : ws) f.push_back({4, w});

@@ -18,42 +18,6 @@ using namespace testkit;
 
 namespace {
 
-Fields bytes(std::initializer_list<uint8_t> b) {
-    return raw(Bytes(b));
-}
-Fields uleb(uint64_t v) {
-    Fields f;
-    do {
-        uint8_t b = v & 0x7f;
-        v >>= 7;
-        f.push_back({1, static_cast<uint8_t>(b | (v ? 0x80 : 0))});
-    } while (v);
-    return f;
-}
-Fields sleb(int64_t v) {
-    Fields f;
-    for (bool more = true; more;) {
-        uint8_t b = v & 0x7f;
-        v >>= 7;
-        more = !((v == 0 && !(b & 0x40)) || (v == -1 && (b & 0x40)));
-        f.push_back({1, static_cast<uint8_t>(b | (more ? 0x80 : 0))});
-    }
-    return f;
-}
-Fields str(const std::string& s) {
-    return raw(Bytes(s.begin(), s.end() + 1));
-}  // with its NUL
-Fields cat(std::initializer_list<Fields> parts) {
-    Fields out;
-    for (const Fields& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-size_t width(const Fields& f) {
-    size_t n = 0;
-    for (const Field& x : f) n += x.width;
-    return n;
-}
-
 Bytes convert(const char* name, const Bytes& in, bool srcNative, const Bytes& abbrev, bool inPlace) {
     Bytes out = inPlace ? in : Bytes(in.size(), 0xee);
     Bytes src = in;
@@ -278,6 +242,16 @@ TEST(DebugInfo, UnitHeadersTreesAndSeveralUnits) {
     for (unsigned version : {2u, 3u, 4u}) all = cat({all, unit(version, tree)});
     all = cat({all, unit(4, cat({uleb(1), Fields{{2, 0xbeef}}}), 4, 1, static_cast<uint32_t>(second))});
     expectConverts(".debug_info", all, abbrev, "units");
+
+    // DWARF 4 type units (.debug_types): the header goes on with a type
+    // signature and a type offset.
+    Fields types;
+    for (unsigned version : {2u, 4u}) {
+        const Fields rest = cat({Fields{{2, version}, {4, 0}}, bytes({4}), Fields{{8, 0x0102030405060708}, {4, 0x17}},
+                                 tree});
+        types = cat({types, Fields{{4, width(rest)}}, rest});
+    }
+    expectConverts(".debug_types", types, abbrev, "type units");
 }
 
 // A line program of the given version: header (opcode_base 13 with the
@@ -352,9 +326,9 @@ TEST(DebugLine, EveryOpcodeKindInEveryVersion) {
 
 TEST(Dwarf, WhatCannotBeSizedIsCopied) {
     // Inputs the walks cannot (or must not) size: the part before the
-    // problem is converted, the rest is copied unchanged, nothing outside
-    // the buffer is touched (the sanitizer build checks), and converting
-    // back gives the input.
+    // problem is converted (a unit's length and version always are), the
+    // rest is copied unchanged, nothing outside the buffer is touched (the
+    // sanitizer build checks), and converting back gives the input.
     const Bytes abbrev = abbrevOf({{0x03, 0x08}, {0x3e, 0x0b}}, true);
     struct Row {
         const char* what;
@@ -365,10 +339,10 @@ TEST(Dwarf, WhatCannotBeSizedIsCopied) {
     const Fields header4 = Fields{{2, 4}, {4, 0}, {1, 4}};
     auto unitHead = [&](uint32_t length) { return cat({Fields{{4, length}}, header4}); };
     const std::vector<Row> rows = {
-        {"unit past the end", ".debug_info", {}, Bytes{0, 0, 1, 0, 0, 4, 0, 0, 0, 0, 4, 1}},
-        {"64-bit unit", ".debug_info", {}, Bytes{0xff, 0xff, 0xff, 0xff, 0, 0, 0, 0, 0, 0, 0, 12, 0, 4, 1, 2}},
-        {"version 6", ".debug_info", {}, Bytes{0, 0, 0, 8, 0, 6, 0, 0, 0, 0, 4, 1}},
-        {"version 1", ".debug_line", {}, Bytes{0, 0, 0, 4, 0, 1, 0, 0}},
+        {"unit past the end", ".debug_info", Fields{{4, 0x100}, {2, 4}}, Bytes{0, 0, 0, 0, 4, 1}},
+        {"64-bit unit", ".debug_info", Fields{{4, 0xffffffff}}, Bytes{0, 0, 0, 0, 0, 0, 0, 12, 0, 4, 1, 2}},
+        {"version 6", ".debug_info", Fields{{4, 8}, {2, 6}}, Bytes{0, 0, 0, 0, 4, 1}},
+        {"version 1", ".debug_line", Fields{{4, 4}, {2, 1}}, Bytes{0, 0}},
         {"tree without its 0 bytes", ".debug_info", cat({unitHead(12), uleb(1), str("ab"), bytes({1})}), {}},
         {"string without its NUL", ".debug_info", unitHead(10), Bytes{1, 'a', 'b'}},
         {"LEB128 off the end", ".debug_info", unitHead(10), Bytes{0x81, 0x82, 0x83}},

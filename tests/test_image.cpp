@@ -100,6 +100,21 @@ TEST_P(Restore, OverlappingSections) {
     roundTrip(file, [](Elf* elf) {
         for (size_t i : {4, 2, 3, 1}) EXPECT_NE(tamo_elf_getscn(elf, i), nullptr) << i;
     });
+    // A section over the ELF header, read first, leaves the descriptor's
+    // header as it was (it gets a copy of those bytes), and the sections
+    // read after it by that header are right.
+    roundTrip(file, [](Elf* elf) {
+        const Elf32_Ehdr before = *tamo_elf32_getehdr(elf);
+        ASSERT_NE(tamo_elf_getscn(elf, 4), nullptr);
+        EXPECT_EQ(std::memcmp(&before, tamo_elf32_getehdr(elf), sizeof before), 0);
+        tamo_elf_errno();
+        Elf_Data* d = tamo_elf_getdata(tamo_elf_getscn(elf, 1), nullptr);
+        ASSERT_NE(d, nullptr);
+        EXPECT_EQ(tamo_elf_errno(), 0);
+        uint32_t first = 0;
+        std::memcpy(&first, d->d_buf, 4);
+        EXPECT_EQ(first, 1u);
+    });
 }
 
 TEST_P(Restore, LineNumberRelocationsThatDoNotDivide) {

@@ -404,6 +404,16 @@ TEST(Layout, CodesOfUpdate) {
         {"after FDDONE", [](NewFile& f) { tamo_elf_cntl(f.elf, ELF_C_FDDONE); }, ELF_C_WRITE, 42},
         {"command 8", [](NewFile&) {}, static_cast<Elf_Cmd>(8), 65},
     };
+    // An empty piece needs no bytes, in either byte order.
+    for (unsigned char order : {ELFDATA2LSB, ELFDATA2MSB}) {
+        NewFile f;
+        Elf_Scn* s = f.section(1, SHT_SYMTAB);
+        Elf_Data* d = f.piece(s, 0);
+        d->d_buf = nullptr;
+        d->d_type = ELF_T_SYM;
+        tamo_elf32_getehdr(f.elf)->e_ident[EI_DATA] = order;
+        EXPECT_GT(tamo_elf_update(f.elf, ELF_C_WRITE), 0) << tamo_elf_errmsg(tamo_elf_errno());
+    }
     for (const Row& r : rows) {
         NewFile f;
         r.prepare(f);
