@@ -1,7 +1,8 @@
 // The DWARF 2 to 5 tables every walk uses: how each attribute form's value
-// is laid out, what operands each location-expression opcode takes, and
-// which attributes hold location expressions in block forms. Values are
-// those of the DWARF standard (and the GNU extensions compilers emit).
+// is laid out, what operands each location-expression opcode and each call
+// frame instruction takes, and which attributes hold location expressions in
+// block forms. Values are those of the DWARF standard (and the GNU
+// extensions compilers emit).
 #pragma once
 
 #include <array>
@@ -218,6 +219,47 @@ inline constexpr bool isLocationAttribute(uint32_t at) {
             return false;
     }
 }
+
+// ---------------------------------------------------------------------------
+// Call frame instructions (.debug_frame, .eh_frame)
+
+enum class CfaOperands : uint8_t {
+    None,
+    Byte,            // 1 byte (advance_loc1)
+    Half,            // 2 bytes, reversed
+    Word,            // 4 bytes, reversed
+    Dword,           // 8 bytes, reversed
+    Address,         // set_loc: an address (.eh_frame: the FDE's pointer encoding)
+    Uleb,            // one LEB128
+    TwoLeb,          // two LEB128s (register, offset)
+    Expression,      // a LEB128 length, then a location expression
+    UlebExpression,  // a register, then a LEB128 length and an expression
+    Unknown,
+};
+
+// Operands of an instruction by its low six bits when its high two are 0;
+// advance_loc (0x40), offset (0x80, one LEB128) and restore (0xc0) carry
+// their first operand in the low bits.
+namespace detail {
+constexpr std::array<CfaOperands, 64> makeCfa() {
+    std::array<CfaOperands, 64> o{};
+    for (auto& x : o) x = CfaOperands::Unknown;
+    o[0x00] = o[0x0a] = o[0x0b] = o[0x2d] = CfaOperands::None;  // nop, remember/restore_state, GNU_window_save
+    o[0x01] = CfaOperands::Address;                             // set_loc
+    o[0x02] = CfaOperands::Byte;                                // advance_loc1
+    o[0x03] = CfaOperands::Half;                                // advance_loc2
+    o[0x04] = CfaOperands::Word;                                // advance_loc4
+    o[0x1c] = CfaOperands::Dword;                               // MIPS_advance_loc8
+    for (int op : {0x06, 0x07, 0x08, 0x0d, 0x0e, 0x13, 0x2e})  // restore_extended, undefined, same_value,
+        o[op] = CfaOperands::Uleb;                              // def_cfa_register, def_cfa_offset(_sf), GNU_args_size
+    for (int op : {0x05, 0x09, 0x0c, 0x11, 0x12, 0x14, 0x15, 0x2f})  // offset_extended(_sf), register, def_cfa(_sf),
+        o[op] = CfaOperands::TwoLeb;                                  // val_offset(_sf), GNU_negative_offset_extended
+    o[0x0f] = CfaOperands::Expression;                                // def_cfa_expression
+    o[0x10] = o[0x16] = CfaOperands::UlebExpression;                  // expression, val_expression
+    return o;
+}
+}  // namespace detail
+inline constexpr std::array<CfaOperands, 64> kCfaOperands = detail::makeCfa();
 
 // ---------------------------------------------------------------------------
 // Units and line programs

@@ -93,7 +93,7 @@ TEST(Tool, InfoOfTheSamples) {
     EXPECT_EQ(text.status, 0);
     for (const char* line :
          {"  Data:                              2's complement, big endian",
-          "  [ 5] .symtab              SYMTAB     00000000 000084 0000a0 14      4   4  4 00005a5a",
+          "  [ 5] .symtab              SYMTAB     00000000 000084 0000a0 14      4   4  4 00005a5a library",
           "     4: 00000000    16 FUNC    GLOBAL DEFAULT   .text            22220001 main",
           "0000000a  00000406     6  main - 8",
           "  section [11] .debug_info unit at 0x0: version 4, compile, length 0x4b, abbreviations at 0x0, "

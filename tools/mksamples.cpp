@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "tamoelf/Archive.h"
-#include "tamoelf/Common.h"
-#include "tamoelf/Convert.h"
+#include "Archive.h"
+#include "Common.h"
+#include "Convert.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 #include "Common.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -92,6 +93,32 @@ void OutputFile::commit() {
     if (::rename(m_temp.c_str(), m_target.c_str()) != 0)
         throw Failure(m_target + ": cannot write: " + std::strerror(errno));
     m_committed = true;
+}
+
+MemoryFile::MemoryFile(const Bytes& bytes) : m_fd(::memfd_create("tamoelf", 0)) {
+    if (m_fd < 0) throw Failure(std::string("cannot make a working file: ") + std::strerror(errno));
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::write(m_fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ::close(m_fd);
+            throw Failure("cannot fill a working file");
+        }
+        done += static_cast<size_t>(n);
+    }
+    ::lseek(m_fd, 0, SEEK_SET);
+}
+
+MemoryFile::~MemoryFile() {
+    ::close(m_fd);
+}
+
+Bytes MemoryFile::contents() const {
+    const off_t size = ::lseek(m_fd, 0, SEEK_END);
+    if (size < 0) throw Failure("cannot read a working file");
+    Bytes b(static_cast<size_t>(size));
+    if (size > 0 && ::pread(m_fd, b.data(), b.size(), 0) != size) throw Failure("cannot read a working file");
+    return b;
 }
 
 std::string hex(uint64_t v, int width) {

@@ -2,6 +2,7 @@
 // library's error state, and failures that end a command.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -12,6 +13,9 @@
 namespace tool {
 
 using Bytes = std::vector<uint8_t>;
+
+// The order the library hands data out in: the host's.
+inline constexpr unsigned kHostOrder = std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
 
 // A failure that ends a command: printed as it is, exit status 1.
 class Failure : public std::runtime_error {
@@ -52,6 +56,29 @@ private:
     std::string m_target, m_temp;
     int m_fd = -1;
     bool m_committed = false;
+};
+
+// A file in memory (filled with `bytes`) that the library can open for
+// reading, update or writing.
+class MemoryFile {
+public:
+    explicit MemoryFile(const Bytes& bytes = {});
+    ~MemoryFile();
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+    int fd() const { return m_fd; }
+    Bytes contents() const;
+
+private:
+    int m_fd;
+};
+
+// Ends a descriptor when it goes.
+struct Descriptor {
+    Elf* elf;
+    ~Descriptor() {
+        if (elf) tamo_elf_end(elf);
+    }
 };
 
 std::string hex(uint64_t v, int width = 0);

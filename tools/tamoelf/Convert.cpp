@@ -1,13 +1,12 @@
 #include "Convert.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <map>
 
 #include "Archive.h"
+#include "Walkers.h"
 
 namespace tool {
 
@@ -17,46 +16,49 @@ bool startsWith(const std::string& s, const char* prefix) {
     return s.rfind(prefix, 0) == 0;
 }
 
-// A file in memory that the library can open for update.
-class MemoryFile {
-public:
-    explicit MemoryFile(const Bytes& bytes) : m_fd(::memfd_create("tamoelf-convert", 0)) {
-        if (m_fd < 0) throw Failure("cannot make a working file");
-        for (size_t done = 0; done < bytes.size();) {
-            const ssize_t n = ::write(m_fd, bytes.data() + done, bytes.size() - done);
-            if (n <= 0) throw Failure("cannot fill a working file");
-            done += static_cast<size_t>(n);
-        }
-        ::lseek(m_fd, 0, SEEK_SET);
-    }
-    ~MemoryFile() { ::close(m_fd); }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-    int fd() const { return m_fd; }
-    Bytes contents() const {
-        const off_t size = ::lseek(m_fd, 0, SEEK_END);
-        Bytes b(static_cast<size_t>(size));
-        if (size > 0 && ::pread(m_fd, b.data(), b.size(), 0) != size) throw Failure("cannot read a working file");
-        return b;
-    }
-
-private:
-    int m_fd;
-};
-
-// Ends a descriptor when it goes.
-struct Descriptor {
-    Elf* elf;
-    ~Descriptor() {
-        if (elf) tamo_elf_end(elf);
-    }
-};
-
 const char* orderWord(unsigned order) {
     return order == ELFDATA2MSB ? "big" : "little";
 }
 
 }  // namespace
+
+void convertWalkedSections(Elf* elf, bool fromBig, const std::string& name, Notes& notes) {
+    const Elf32_Ehdr* h = tamo_elf32_getehdr(elf);
+    for (size_t i = 1; h && i < h->e_shnum; ++i) {
+        Elf_Scn* scn = tamo_elf_getscn(elf, i);
+        Elf32_Shdr* sh = scn ? tamo_elf32_getshdr(scn) : nullptr;
+        const char* n = sh ? tamo_elf_strptr(elf, h->e_shstrndx, sh->sh_name) : nullptr;
+        if (!n) {
+            clearLibraryError();
+            continue;
+        }
+        const std::string where = name + ": section [" + std::to_string(i) + "] " + n;
+        const Layout layout = layoutOf(n, sh->sh_type, sh->sh_flags);
+        if (layout == Layout::Unknown) {
+            notes.push_back(where + ": a layout the tool does not know; copied as it stands");
+            continue;
+        }
+        if (!toolConverts(layout)) continue;
+        Elf_Data* data = tamo_elf_getdata(scn, nullptr);
+        if (!data || !data->d_buf || data->d_size == 0) {
+            clearLibraryError();
+            continue;
+        }
+        auto* bytes = static_cast<uint8_t*>(data->d_buf);
+        if (layout == Layout::Types) {
+            Elf32_Shdr extent = *sh;
+            extent.sh_size = static_cast<Elf32_Word>(data->d_size);
+            const bool srcNative = fromBig == (kHostOrder == ELFDATA2MSB);
+            endian_swap_dwarf_section(".debug_types", static_cast<char*>(data->d_buf),
+                                      static_cast<char*>(data->d_buf), elf, &extent, srcNative);
+        } else {
+            for (const WalkProblem& p : convertSection(layout, bytes, data->d_size, fromBig))
+                notes.push_back(where + ": at offset " + std::to_string(p.offset) + ": " + p.what);
+        }
+        tamo_elf_flagdata(data, ELF_C_SET, ELF_F_DIRTY);
+    }
+    clearLibraryError();
+}
 
 unsigned byteOrderOf(const Bytes& f) {
     if (isArchive(f)) return std::memcmp(f.data(), "!<sola>\n", 8) == 0 ? ELFDATA2MSB : ELFDATA2LSB;
@@ -79,6 +81,7 @@ Bytes convertObject(const Bytes& object, unsigned order, const std::string& name
     MemoryFile work(object);
     Descriptor d{tamo_elf_begin(work.fd(), ELF_C_RDWR, nullptr)};
     if (!d.elf) throw Failure(name + ": " + takeLibraryError().describe());
+    tamo_elf_setreadswapcontroller(d.elf, toolReadSwapController);
     Elf32_Ehdr* h = tamo_elf32_getehdr(d.elf);
     const size_t count = h->e_shnum;
 
@@ -92,6 +95,8 @@ Bytes convertObject(const Bytes& object, unsigned order, const std::string& name
                         "; copied as it stands, in the input's byte order");
     }
     clearLibraryError();
+
+    convertWalkedSections(d.elf, from == ELFDATA2MSB, name, notes);
 
     // COFF records take 8 and 20 bytes in big-endian files, 6 and 18 in
     // little-endian ones: those sections change size in place.

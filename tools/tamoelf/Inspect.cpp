@@ -11,8 +11,6 @@ namespace tool {
 
 namespace {
 
-constexpr unsigned kHostOrder = ELFDATA2LSB;
-
 std::string sectionWhere(size_t index, const std::string& name) {
     return "section [" + std::to_string(index) + "]" + (name.empty() ? "" : " " + name);
 }
@@ -247,6 +245,32 @@ bool roundTrips(Elf_Data* data) {
     return ok && std::equal(saved.begin(), saved.end(), back.begin());
 }
 
+// Converts a section the tool walks itself to the other byte order and back,
+// reporting where the walk stopped; it must come back.
+void walkBothWays(Object& o, Elf* elf, const Section& s) {
+    const bool big = bigEndian(o.header);
+    Bytes work = s.data;
+    std::vector<WalkProblem> found;
+    auto walk = [&](bool fromBig) {
+        if (s.layout == Layout::Types) {
+            Elf32_Shdr extent = s.header;
+            extent.sh_size = static_cast<Elf32_Word>(work.size());
+            auto* p = reinterpret_cast<char*>(work.data());
+            endian_swap_dwarf_section(".debug_types", p, p, elf, &extent, fromBig == (kHostOrder == ELFDATA2MSB));
+            return std::vector<WalkProblem>{};
+        }
+        return convertSection(s.layout, work.data(), work.size(), fromBig);
+    };
+    found = walk(big);
+    walk(!big);
+    for (const WalkProblem& p : found)
+        o.problems.push_back(toolProblem(sectionWhere(s.index, s.name), "at offset " + std::to_string(p.offset) + ": " + p.what,
+                                         "convert leaves that part as it stands"));
+    if (work != s.data)
+        o.problems.push_back(
+            toolProblem(sectionWhere(s.index, s.name), "its data did not come back from the other byte order"));
+}
+
 }  // namespace
 
 const Section* Object::section(size_t index) const {
@@ -272,6 +296,7 @@ Object inspectObject(Elf* elf, const std::string& file, const Bytes& bytes, bool
     }
     o.header = *h;
     o.standard = h->e_shentsize == 40;
+    tamo_elf_setreadswapcontroller(elf, toolReadSwapController);
     if (bytes.size() < sizeof(Elf32_Ehdr))
         o.problems.push_back(toolProblem(
             "ELF header", "the file is cut short: " + std::to_string(bytes.size()) + " bytes of a 52-byte header",
@@ -298,6 +323,10 @@ Object inspectObject(Elf* elf, const std::string& file, const Bytes& bytes, bool
         }
         s.header = *tamo_elf32_getshdr(scn);
         if (i != 0) s.name = stringAt(elf, h->e_shstrndx, s.header.sh_name);
+        s.layout = i == 0 ? Layout::NoOrder : layoutOf(s.name, s.header.sh_type, s.header.sh_flags);
+        if (s.layout == Layout::Unknown && !o.standard)
+            o.notes.push_back(toolProblem(sectionWhere(i, s.name), "a layout the tool does not know",
+                                          "convert copies it as it stands"));
         if (s.header.sh_type != SHT_NOBITS && s.header.sh_type != SHT_NULL &&
             (s.header.sh_offset > bytes.size() || s.header.sh_size > bytes.size() - s.header.sh_offset))
             o.problems.push_back(toolProblem(sectionWhere(i, s.name), "the section runs past the end of the file"));
@@ -311,6 +340,7 @@ Object inspectObject(Elf* elf, const std::string& file, const Bytes& bytes, bool
                     toolProblem(sectionWhere(i, s.name), "its data did not come back from the other byte order"));
         }
         clearLibraryError();  // the end of the data list
+        if (convert && s.read && toolConverts(s.layout) && !o.standard) walkBothWays(o, elf, s);
         o.sections.push_back(std::move(s));
     }
     clearLibraryError();

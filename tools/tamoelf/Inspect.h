@@ -11,6 +11,7 @@
 
 #include "Archive.h"
 #include "Common.h"
+#include "Walkers.h"
 
 namespace tool {
 
@@ -28,6 +29,7 @@ struct Section {
     Elf32_Shdr header{};
     bool read = false;  // its data could be had
     Elf_Type type = ELF_T_BYTE;
+    Layout layout = Layout::NoOrder;  // how its bytes change byte order
     Bytes data;  // as the library hands it out (host order)
 };
 
@@ -90,6 +92,7 @@ struct Object {
     std::vector<CoffEntry> coff;
     std::vector<DwarfUnit> dwarf;
     std::vector<Problem> problems;
+    std::vector<Problem> notes;  // worth knowing, not wrong: sections of layouts the tool does not know
 
     const Section* section(size_t index) const;
 };

@@ -94,13 +94,18 @@ void printObject(std::ostream& out, const Object& o) {
     row("Section header string table index:", format("%u", h.e_shstrndx));
 
     out << "\nSection Headers:\n"
-        << "  [Nr] Name                 Type       Addr     Off    Size   ES Flg Lk Inf Al Extra\n";
+        << "  [Nr] Name                 Type       Addr     Off    Size   ES Flg Lk Inf Al Extra    Conversion\n";
     for (const Section& s : o.sections) {
         const Elf32_Shdr& x = s.header;
-        out << format("  [%2zu] %-20.20s %-10.10s %08x %06x %06x %02x %3s %2u %3u %2u %08x%s\n", s.index,
+        out << format("  [%2zu] %-20.20s %-10.10s %08x %06x %06x %02x %3s %2u %3u %2u %08x %s%s\n", s.index,
                       s.name.c_str(), sectionTypeName(x.sh_type).c_str(), x.sh_addr, x.sh_offset, x.sh_size,
                       x.sh_entsize, flags(x.sh_flags).c_str(), x.sh_link, x.sh_info, x.sh_addralign, x.sh_extra,
-                      s.read || x.sh_type == SHT_NULL || x.sh_type == SHT_NOBITS || s.index == 0 ? "" : "  (not read)");
+                      layoutName(s.layout),
+                      s.read || x.sh_type == SHT_NULL || x.sh_type == SHT_NOBITS || s.index == 0 ? "" : " (not read)");
+    }
+    if (!o.notes.empty()) {
+        out << "\nNotes:\n";
+        for (const Problem& n : o.notes) out << "  " << n.where << ": " << n.message << "; " << n.note << "\n";
     }
 
     std::string table;
@@ -219,6 +224,7 @@ json objectJson(const Object& o) {
                             {"align", x.sh_addralign},
                             {"entsize", x.sh_entsize},
                             {"extra", x.sh_extra},
+                            {"conversion", layoutName(s.layout)},
                             {"read", s.read}});
     }
     j["sections"] = sections;
@@ -286,6 +292,7 @@ json objectJson(const Object& o) {
     }
     j["dwarf"] = dwarf;
     j["problems"] = problemsJson(o.problems);
+    j["notes"] = problemsJson(o.notes);
     return j;
 }
 
@@ -368,6 +375,14 @@ size_t printProblems(std::ostream& out, const Inspected& f) {
     for (const Member& m : f.ar.members)
         for (const Problem& p : m.object.problems) print(f.ar.file + "(" + m.name + ")", p);
     return n;
+}
+
+void printNotes(std::ostream& out, const Inspected& f) {
+    auto print = [&](const std::string& file, const Object& o) {
+        for (const Problem& n : o.notes) out << file << ": " << n.where << ": note: " << n.message << "; " << n.note << "\n";
+    };
+    if (!f.archive) return print(f.object.file, f.object);
+    for (const Member& m : f.ar.members) print(f.ar.file + "(" + m.name + ")", m.object);
 }
 
 }  // namespace tool

@@ -17,4 +17,7 @@ nlohmann::json toJson(const Inspected& file);
 // done. Returns how many there were.
 size_t printProblems(std::ostream& out, const Inspected& file);
 
+// One line per note ("file: place: note: ..."), which are not problems.
+void printNotes(std::ostream& out, const Inspected& file);
+
 }  // namespace tool

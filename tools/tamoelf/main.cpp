@@ -1,6 +1,7 @@
 // tamoelf: inspect, check and convert 32-bit ELF objects and archives of
 // this format (44-byte section headers, 20-byte symbols, "!<elfa>\n" and
-// "!<sola>\n" archives), through the tamoelf library.
+// "!<sola>\n" archives), through the tamoelf library, and carry them to and
+// from standard ELF32 and GNU ar.
 #include <fcntl.h>
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,8 @@
 
 #include "Convert.h"
 #include "Inspect.h"
+#include "Interop.h"
+#include "Walkers.h"
 #include "Print.h"
 
 #ifndef TAMOELF_VERSION
@@ -53,6 +56,7 @@ int check(const std::vector<std::string>& files) {
     for (const std::string& f : files) {
         try {
             const Inspected r = inspectFile(f, /*convert=*/true);
+            printNotes(std::cout, r);
             if (printProblems(std::cout, r) == 0)
                 std::cout << f << ": clean\n";
             else
@@ -65,10 +69,11 @@ int check(const std::vector<std::string>& files) {
     return status;
 }
 
-int convert(const std::string& in, const std::string& out, const std::string& to) {
-    const unsigned order = to == "big" ? ELFDATA2MSB : ELFDATA2LSB;  // host: this library's host is little-endian
+// Runs a command that writes a file, then prints what it noted.
+template <class Command>
+int writing(Command command) {
     Notes notes;
-    convertFile(in, out, order, notes);
+    command(notes);
     for (const std::string& n : notes) std::cerr << "tamoelf: " << n << "\n";
     return 0;
 }
@@ -79,7 +84,8 @@ int main(int argc, char** argv) {
     tamo_elf_version(EV_CURRENT);
     CLI::App app{
         "Inspect, check and convert 32-bit ELF objects and archives of this format (44-byte section "
-        "headers, 20-byte symbols, \"!<elfa>\"/\"!<sola>\" archives), in either byte order."};
+        "headers, 20-byte symbols, \"!<elfa>\"/\"!<sola>\" archives), in either byte order, and carry them to and "
+        "from standard ELF32 objects and GNU ar archives."};
     app.set_version_flag("--version", std::string("tamoelf ") + TAMOELF_VERSION);
     app.require_subcommand(1);
 
@@ -104,9 +110,12 @@ int main(int argc, char** argv) {
     std::string in, out, to;
     CLI::App* convertCmd = app.add_subcommand(
         "convert",
-        "Rewrite an object or archive in another byte order through the library: header, section headers, symbols, "
-        "relocations and every record type, COFF debug sections, .debug_info and .debug_line. Code and data bytes "
-        "are copied (their layout cannot be known). The layout is kept (every section at its offset, gap bytes as "
+        std::string("Rewrite an object or archive in another byte order: through the library, the header, section "
+                    "headers, symbols, relocations and every record type, COFF debug sections, .debug_info and "
+                    ".debug_line; by the tool's own walkers, ") +
+            walkedSectionList() +
+            ". Code and data bytes are copied (their layout is the program's); sections of a layout the tool does "
+            "not know are copied and named. The layout is kept (every section at its offset, gap bytes as "
         "they were), so converting twice gives the input back byte for byte, except: the two padding bytes of each "
         "big-endian COFF line-number or symbol record (written as zeros), line-number relocation offsets that are "
         "not whole records (rounded down), and sections the library cannot read (copied as they stand, in the "
@@ -121,6 +130,31 @@ int main(int argc, char** argv) {
     convertCmd->add_option("IN", in, "object or archive")->required()->check(CLI::ExistingFile);
     convertCmd->add_option("OUT", out, "where the converted file goes")->required();
 
+    std::string importIn, importOut;
+    CLI::App* importCmd = app.add_subcommand(
+        "import",
+        "Bring a standard ELF32 relocatable object (40-byte section headers, 16-byte symbols) of either byte order "
+        "into this format, in the same order: 44-byte section headers (sh_extra 0), 20-byte symbols (st_extra 0), "
+        "every other section's bytes, indices, names, flags and links as they were. A GNU ar archive becomes an "
+        "archive of this format whose magic matches its members' order, with its symbol table rebuilt. Refused: "
+        "objects that are not relocatable, ELF64, member names longer than 15 characters, members of mixed byte "
+        "order.");
+    importCmd->add_option("IN", importIn, "standard ELF32 object or GNU ar archive")
+        ->required()
+        ->check(CLI::ExistingFile);
+    importCmd->add_option("OUT", importOut, "where the object or archive of this format goes")->required();
+
+    std::string exportIn, exportOut;
+    bool dropExtra = false;
+    CLI::App* exportCmd = app.add_subcommand(
+        "export",
+        "Write an object or archive of this format as standard ELF32 and GNU ar, in the same byte order, for "
+        "readelf, objdump, llvm-dwarfdump, gdb, ar and nm. A non-zero sh_extra or st_extra cannot be carried: "
+        "refused, naming the section or symbol, unless --drop-extra.");
+    exportCmd->add_option("IN", exportIn, "object or archive of this format")->required()->check(CLI::ExistingFile);
+    exportCmd->add_option("OUT", exportOut, "where the standard object or GNU archive goes")->required();
+    exportCmd->add_flag("--drop-extra", dropExtra, "drop non-zero sh_extra and st_extra values (said so)");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -129,7 +163,10 @@ int main(int argc, char** argv) {
     try {
         if (*infoCmd) return info(infoFiles, asJson);
         if (*checkCmd) return check(checkFiles);
-        if (*convertCmd) return convert(in, out, to);
+        const unsigned order = to == "big" ? ELFDATA2MSB : to == "little" ? ELFDATA2LSB : kHostOrder;
+        if (*convertCmd) return writing([&](Notes& n) { convertFile(in, out, order, n); });
+        if (*importCmd) return writing([&](Notes& n) { importFile(importIn, importOut, n); });
+        if (*exportCmd) return writing([&](Notes& n) { exportFile(exportIn, exportOut, dropExtra, n); });
     } catch (const Failure& e) {
         std::cerr << "tamoelf: " << e.what() << "\n";
         return 1;
