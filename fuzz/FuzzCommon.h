@@ -3,8 +3,10 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +15,8 @@
 #include "tamoelf.h"
 
 namespace fuzz {
+
+using Bytes = std::vector<uint8_t>;
 
 inline void once() {
     static const bool done = (tamo_elf_version(EV_CURRENT), true);
@@ -39,6 +43,27 @@ inline int inputFile(const uint8_t* data, size_t size) {
     }
     lseek(fd, 0, SEEK_SET);
     return fd;
+}
+
+// The size of a file, and its whole contents (empty when it cannot be read).
+inline off_t fileSize(int fd) {
+    struct stat st;
+    return fstat(fd, &st) == 0 ? st.st_size : -1;
+}
+inline Bytes fileBytes(int fd) {
+    Bytes b(static_cast<size_t>(std::max<off_t>(fileSize(fd), 0)));
+    if (!b.empty() && pread(fd, b.data(), b.size(), 0) != static_cast<ssize_t>(b.size())) b.clear();
+    return b;
+}
+
+// Sections converted by their names in a file of the other byte order: COFF
+// records (converted, and repacked in big-endian files) and DWARF sections.
+inline bool coffName(const char* name, uint32_t shType) {
+    return std::strncmp(name, ".rela.lnno.", 11) == 0 ||
+           (shType == 15 && (std::strncmp(name, ".lnno.", 6) == 0 || std::strcmp(name, ".coff.SDB") == 0));
+}
+inline bool dwarfName(const char* name) {
+    return std::strncmp(name, ".debug_info", 11) == 0 || std::strncmp(name, ".debug_line", 11) == 0;
 }
 
 // Reads a string as a client would: up to its NUL.

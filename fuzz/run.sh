@@ -1,17 +1,34 @@
 #!/bin/sh
 # Builds the fuzz targets with ASan+UBSan, writes the seed corpora, and runs
 # each target for the given number of seconds, two at a time.
-# Usage: fuzz/run.sh SECONDS [TARGET...]   (targets: image fd archive)
+# Usage: fuzz/run.sh SECONDS [TARGET...]   (targets: image fd archive write rdwr dwarf interop)
 set -eu
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
-targets=${*:-"image fd archive"}
+targets=${*:-"image fd archive write rdwr dwarf interop"}
 build=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMO_SANITIZE=ON -DTAMO_BUILD_FUZZ=ON \
-    -DTAMO_BUILD_TESTS=OFF -DTAMO_BUILD_BENCH=OFF -DTAMO_BUILD_TOOLS=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)" >/dev/null
-"$build/fuzz/make_corpus" "$build/seeds" >/dev/null
+    -DBUILD_TESTING=OFF -DTAMO_BUILD_BENCH=OFF -DTAMO_BUILD_TOOLS=ON >/dev/null
+cmake --build "$build" -j"$(nproc)" --target make_corpus $(for t in $targets; do printf 'fuzz_%s ' "$t"; done) >/dev/null
+# Compiler objects of both byte orders, DWARF 2 to 5 with every section the
+# walkers know, seed the DWARF and interoperation targets.
+objects="$build/objects"
+mkdir -p "$objects"
+for target in powerpc powerpcle; do
+    for v in 2 4 5; do
+        n=0
+        for flags in "-O0 -gpubnames -gdwarf-aranges -fdebug-macro" \
+                     "-O2 -ggnu-pubnames -fno-asynchronous-unwind-tables -fno-unwind-tables -fdebug-types-section"; do
+            n=$((n + 1))
+            for src in c cpp; do
+                clang --target=$target-linux-gnu -fno-addrsig -c -gdwarf-$v $flags "tests/data/dwarf_sample.$src" \
+                    -o "$objects/$target-$src-v$v-$n.o" 2>/dev/null || true
+            done
+        done
+    done
+done
+"$build/fuzz/make_corpus" "$build/seeds" tests/data/*.o "$objects"/*.o >/dev/null
 status=0
 for t in $targets; do
     mkdir -p "$build/corpus/$t" "$build/artifacts/$t"

@@ -27,6 +27,17 @@ inline std::string run(const std::string& cmd, int* status = nullptr) {
     return out;
 }
 
+// A program of this build as a shell word: run under the emulator the build
+// was configured with, when its programs cannot run on this machine directly.
+inline std::string program(const std::string& path) {
+#ifdef TAMO_RUNNER
+    const std::string runner = TAMO_RUNNER;
+#else
+    const std::string runner;
+#endif
+    return (runner.empty() ? "" : "'" + runner + "' ") + "'" + path + "'";
+}
+
 inline bool have(const char* tool) {
     int st = 0;
     run(std::string("command -v ") + tool + " >/dev/null 2>&1", &st);

@@ -258,11 +258,11 @@ TEST(Walkers, LayoutsByNameAndType) {
 // ---------------------------------------------------------------------------
 // Import, convert, export
 
-const std::string kTool = TAMO_TOOL;
+const std::string kTool = program(TAMO_TOOL);
 
 int tool(const std::string& args, std::string* output = nullptr) {
     int st = 0;
-    const std::string out = run("'" + kTool + "' " + args + " 2>&1", &st);
+    const std::string out = run(kTool + " " + args + " 2>&1", &st);
     if (output) *output = out;
     return st;
 }
@@ -286,6 +286,7 @@ struct Variant {
     unsigned version;
     std::string flags;
 };
+void PrintTo(const Variant& v, std::ostream* os) { *os << v.source << " -gdwarf-" << v.version << ' ' << v.flags; }
 
 std::string variantName(const testing::TestParamInfo<Variant>& info) {
     const Variant& v = info.param;
@@ -369,7 +370,7 @@ TEST(Interop, GnuArchiveRoundTrip) {
     EXPECT_EQ(std::string(imported.begin(), imported.begin() + 8), "!<sola>\n");
 
     // info lists the members and each symbol in its member.
-    const auto j = nlohmann::json::parse(run("'" + kTool + "' info --json '" + dir.path("big.a") + "'"));
+    const auto j = nlohmann::json::parse(run(kTool + " info --json '" + dir.path("big.a") + "'"));
     std::vector<std::string> members;
     for (const auto& m : j["members"]) members.push_back(m["name"]);
     EXPECT_EQ(members, (std::vector<std::string>{"s_c.o", "notes.txt", "s_cpp.o"}));
@@ -417,7 +418,7 @@ TEST(Interop, RefusalsNameThePlaceAndLeaveNoOutput) {
     };
     for (const Row& r : rows) {
         int status = 0;
-        const std::string said = run("cd '" + dir.path("") + "' && '" + kTool + "' " + r.command + " out 2>&1", &status);
+        const std::string said = run("cd '" + dir.path("") + "' && " + kTool + " " + r.command + " out 2>&1", &status);
         EXPECT_EQ(status, 1) << r.command;
         EXPECT_NE(said.find(r.says), std::string::npos) << r.command << ": " << said;
         struct stat s;

@@ -16,7 +16,7 @@ using nlohmann::json;
 
 namespace {
 
-const std::string kTool = TAMO_TOOL;
+const std::string kTool = program(TAMO_TOOL);
 const std::string kSamples = TAMO_SAMPLES;
 const std::string kData = TAMO_TEST_DATA;
 
@@ -26,7 +26,7 @@ struct Result {
 };
 Result tool(const std::string& args) {
     int st = 0;
-    std::string out = run("'" + kTool + "' " + args + " 2>&1", &st);
+    std::string out = run(kTool + " " + args + " 2>&1", &st);
     return {st, out};
 }
 json infoJson(const std::string& file) {
@@ -41,7 +41,7 @@ bool exists(const std::string& path) {
 TEST(Tool, SamplesAreMadeAgainByteForByte) {
     TempDir dir;
     int st = 0;
-    run("'" + std::string(TAMO_MKSAMPLES) + "' '" + dir.path("") + "'", &st);
+    run(program(TAMO_MKSAMPLES) + " '" + dir.path("") + "'", &st);
     ASSERT_EQ(st, 0);
     for (const char* f : {"sample-big.o", "sample-little.o", "sample-big.a", "sample-little.a"})
         EXPECT_TRUE(readFile(dir.path(f)) == readFile(kSamples + "/" + f)) << f;
