@@ -158,7 +158,7 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter({{"BM_fdread_big/min_time:2.000", "BM_read_fresh/min_time:2.000"},
                             {"BM_fdread_big/min_time:2.000", "BM_read_reused/min_time:2.000"},
-                            {"BM_fdread_little/min_time:2.000", "BM_read_fresh/min_time:2.000"}});
+                            {"BM_fdread_little/min_time:2.000", "BM_read_reused/min_time:2.000"}});
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;

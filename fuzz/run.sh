@@ -1,12 +1,15 @@
 #!/bin/sh
 # Builds the fuzz targets with ASan+UBSan, writes the seed corpora, and runs
-# each target for the given number of seconds, two at a time.
+# each target for the given number of seconds, FUZZ_JOBS (default 2) at a time,
+# starting from the minimised corpus kept in fuzz/corpus and the seeds.
 # Usage: fuzz/run.sh SECONDS [TARGET...]   (targets: image fd archive write rdwr dwarf interop)
+# fuzz/minimise.sh folds what a run found back into fuzz/corpus.
 set -eu
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
 targets=${*:-"image fd archive write rdwr dwarf interop"}
+parallel=${FUZZ_JOBS:-2}
 build=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMO_SANITIZE=ON -DTAMO_BUILD_FUZZ=ON \
     -DBUILD_TESTING=OFF -DTAMO_BUILD_BENCH=OFF -DTAMO_BUILD_TOOLS=ON >/dev/null
@@ -31,15 +34,14 @@ done
 "$build/fuzz/make_corpus" "$build/seeds" tests/data/*.o "$objects"/*.o >/dev/null
 status=0
 for t in $targets; do
-    mkdir -p "$build/corpus/$t" "$build/artifacts/$t"
+    mkdir -p "$build/corpus/$t" "$build/artifacts/$t" "fuzz/corpus/$t"
     (
-        "$build/fuzz/fuzz_$t" "$build/corpus/$t" "$build/seeds/$t" -max_total_time="$seconds" -timeout=10 \
+        "$build/fuzz/fuzz_$t" "$build/corpus/$t" "$build/seeds/$t" "fuzz/corpus/$t" -max_total_time="$seconds" -timeout=10 \
             -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$build/artifacts/$t/" \
             >"$build/fuzz_$t.log" 2>&1 && echo "fuzz_$t: no finding" || { echo "fuzz_$t: FINDING, see $build/fuzz_$t.log"; exit 1; }
         grep -E '^stat::(number_of_executed_units|new_units_added)|cov: ' "$build/fuzz_$t.log" | tail -n 3
     ) &
-    # two at a time
-    if [ "$(jobs -p | wc -l)" -ge 2 ]; then wait -n || status=1; fi
+    if [ "$(jobs -p | wc -l)" -ge "$parallel" ]; then wait -n || status=1; fi
 done
 while [ "$(jobs -p | wc -l)" -gt 0 ]; do wait -n || status=1; done
 exit $status

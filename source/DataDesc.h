@@ -35,6 +35,9 @@ public:
     uint8_t* m_pPlaced;
     size_t m_readable;
     bool m_bInImage;
+    // File offset of placed bytes initialize() still has to read; -1 when
+    // they are there.
+    int64_t m_readFrom = -1;
 
     explicit DataDesc(Elf_Scn* owner);
     ~DataDesc();

@@ -5,6 +5,7 @@
 
 #include "ElfDesc.h"
 #include "ErrHndr.h"
+#include "FileDesc.h"
 #include "Globe.h"
 #include "Registry.h"
 
@@ -30,7 +31,7 @@ bool Elf_Scn::charge(uint64_t n) {
     return true;
 }
 
-uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readable) {
+uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readable, int64_t& readFrom) {
     Elf* elf = m_pElf;
     const uint64_t off = sh.sh_offset;
     const uint64_t size = sh.sh_size;
@@ -92,17 +93,13 @@ uint8_t* Elf_Scn::placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readab
         return nullptr;
     }
     if (!charge(size)) return nullptr;
-    if (!seekSet(elf->fd(), elf->baseOffset() + static_cast<int64_t>(off), "Elf_Scn::initialize")) return nullptr;
 
     // One byte more than the section, always NUL, so that no string found in
-    // it runs past the buffer.
+    // it runs past the buffer. The bytes are read later, when it is known how
+    // they are converted, so that each chunk is converted while in cache.
     auto* buf = static_cast<uint8_t*>(m_gc.allocate(static_cast<size_t>(size) + 1));
     if (!buf) return nullptr;
-    const ssize_t got = readFully(elf->fd(), buf, static_cast<size_t>(size));
-    if (got < 0 || static_cast<uint64_t>(got) != size) {
-        SETERR(ERR_READ);
-        return nullptr;
-    }
+    readFrom = elf->baseOffset() + static_cast<int64_t>(off);
     buf[size] = 0;
     inImage = false;
     readable = static_cast<size_t>(size) + 1;
@@ -136,7 +133,8 @@ int Elf_Scn::initialize() {
 
     bool inImage = false;
     size_t readable = 0;
-    uint8_t* bytes = placeBytes(*sh, inImage, readable);
+    int64_t readFrom = -1;  // where the bytes still to be read are, if they are
+    uint8_t* bytes = placeBytes(*sh, inImage, readable, readFrom);
     if (!bytes) return -1;
 
     const uint32_t storedType = sh->sh_type;
@@ -162,6 +160,8 @@ int Elf_Scn::initialize() {
         if (kind == CoffKind::LineRelocations) {
             sh->sh_type = order == ELFDATA2LSB ? SHT_COFF_LNRELA_6TO8 : SHT_COFF_LNRELA_8TO6;
         } else if (kind != CoffKind::None) {
+            if (readFrom >= 0 && !readSection(m_pElf->fd(), readFrom, bytes, sh->sh_size)) return -1;
+            readFrom = -1;
             bytes = reshape(bytes, coffFileRecord(kind, order), coffMemoryRecord(kind), readable);
             if (!bytes) return -1;
             inImage = false;
@@ -174,6 +174,7 @@ int Elf_Scn::initialize() {
     data->m_pPlaced = bytes;
     data->m_readable = readable;
     data->m_bInImage = inImage;
+    data->m_readFrom = readFrom;
     m_vData.reserve(1);
     const int r = data->initialize();
     sh->sh_type = storedType;

@@ -59,7 +59,7 @@ public:
 private:
     bool charge(uint64_t n);
     // Places sh_size bytes for the section and returns them, or null.
-    uint8_t* placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readable);
+    uint8_t* placeBytes(const Elf32_Shdr& sh, bool& inImage, size_t& readable, int64_t& readFrom);
     // Rebuilds COFF records of srcSize bytes as dstSize bytes in a new buffer.
     uint8_t* reshape(uint8_t* bytes, uint32_t srcSize, uint32_t dstSize, size_t& readable);
 };

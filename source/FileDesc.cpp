@@ -136,4 +136,24 @@ ssize_t readFully(int fd, void* buf, size_t n) { return readLoop(fd, buf, n, -1)
 
 ssize_t preadFully(int fd, void* buf, size_t n, int64_t off) { return off < 0 ? -1 : readLoop(fd, buf, n, off); }
 
+bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit, void (*convert)(uint8_t*, size_t, void*),
+                 void* context) {
+    if (!seekSet(fd, at, "Elf_Scn::initialize")) return false;
+    // Chunks small enough to stay in the second-level cache between the read
+    // and the conversion.
+    constexpr size_t kChunk = size_t{512} << 10;
+    const size_t chunk = convert ? (unit < kChunk ? kChunk / unit * unit : unit) : n;
+    for (size_t done = 0; done < n;) {
+        const size_t want = n - done < chunk ? n - done : chunk;
+        const ssize_t got = readFully(fd, buf + done, want);
+        if (got < 0 || static_cast<size_t>(got) != want) {
+            SETERR(ERR_READ);
+            return false;
+        }
+        if (convert) convert(buf + done, want, context);
+        done += want;
+    }
+    return true;
+}
+
 }  // namespace tamo

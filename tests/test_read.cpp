@@ -213,6 +213,27 @@ TEST_P(ReadBoth, DoneMeansNoMoreReading) {
     EXPECT_EQ(tamo_elf_errno(), 85);
 }
 
+// Sections larger than the chunks a file is read and converted in, ending
+// in a partial record that stays as stored.
+TEST_P(ReadBoth, LargeSectionsEndingInAPartialRecord) {
+    ObjectBuilder b(order());
+    Fields syms, words;
+    for (uint32_t i = 0; i < 70000; ++i) {
+        const Fields f = symFields(Elf32_Sym{i, i * 3u, i ^ 0x5a5a5a5au, 0x12, 1, static_cast<Elf32_Half>(i), ~i});
+        syms.insert(syms.end(), f.begin(), f.end());
+    }
+    for (uint32_t i = 0; i < 400000; ++i) words.push_back({4, i * 2654435761u});
+    const Fields tail = raw(std::string("\x01\x02\x03\x04\x05\x06\x07", 7));
+    syms.insert(syms.end(), tail.begin(), tail.end());
+    words.insert(words.end(), tail.begin(), tail.begin() + 3);
+    const size_t symtab = b.add({.name = ".symtab", .type = SHT_SYMTAB, .entsize = 20, .content = syms});
+    const size_t hash = b.add({.name = ".hash", .type = SHT_HASH, .entsize = 4, .content = words});
+    const Opened o(b.build(), access());
+    ASSERT_NE(o.elf(), nullptr);
+    EXPECT_EQ(o.bytes(symtab), encode(syms, kHost));
+    EXPECT_EQ(o.bytes(hash), encode(words, kHost));
+}
+
 INSTANTIATE_TEST_SUITE_P(Read, ReadBoth,
                          ::testing::Combine(::testing::Values(Order::Little, Order::Big),
                                             ::testing::Values(Access::File, Access::Image)),
