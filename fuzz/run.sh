@@ -1,4 +1,4 @@
-#!/bin/sh
+#!/bin/bash
 # Builds the fuzz targets with ASan+UBSan, writes the seed corpora, and runs
 # each target for the given number of seconds, FUZZ_JOBS (default 2) at a time,
 # starting from the minimised corpus kept in fuzz/corpus and the seeds.
@@ -33,6 +33,7 @@ for target in powerpc powerpcle; do
 done
 "$build/fuzz/make_corpus" "$build/seeds" tests/data/*.o "$objects"/*.o >/dev/null
 status=0
+running=0
 for t in $targets; do
     mkdir -p "$build/corpus/$t" "$build/artifacts/$t" "fuzz/corpus/$t"
     (
@@ -41,7 +42,14 @@ for t in $targets; do
             >"$build/fuzz_$t.log" 2>&1 && echo "fuzz_$t: no finding" || { echo "fuzz_$t: FINDING, see $build/fuzz_$t.log"; exit 1; }
         grep -E '^stat::(number_of_executed_units|new_units_added)|cov: ' "$build/fuzz_$t.log" | tail -n 3
     ) &
-    if [ "$(jobs -p | wc -l)" -ge "$parallel" ]; then wait -n || status=1; fi
+    running=$((running + 1))
+    if [ "$running" -ge "$parallel" ]; then
+        wait -n || status=1
+        running=$((running - 1))
+    fi
 done
-while [ "$(jobs -p | wc -l)" -gt 0 ]; do wait -n || status=1; done
+while [ "$running" -gt 0 ]; do
+    wait -n || status=1
+    running=$((running - 1))
+done
 exit $status

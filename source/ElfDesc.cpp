@@ -165,15 +165,11 @@ int Elf::init_ScnTab() {
     const uint64_t off = m_pEhdr->e_shoff;
     if (n == 0) return 1;
 
-    m_fileShdrs = std::make_unique<Elf32_Shdr[]>(n);  // zeroed
-    m_nFileShdrs = n;
-    m_vScns.resize(n);
-    auto* table = reinterpret_cast<uint8_t*>(m_fileShdrs.get());
     const size_t entry = sizeof(Elf32_Shdr);
     // Records are read one after another, min(e_shentsize, 44) bytes each
     // (standard objects have 40-byte entries); the rest of a record is zero.
     const size_t stride = std::min<size_t>(m_pEhdr->e_shentsize, entry);
-    std::unique_ptr<uint8_t[]> packed;
+    std::vector<uint8_t> read;
     const uint8_t* from = nullptr;
     size_t got = 0;
 
@@ -202,33 +198,62 @@ int Elf::init_ScnTab() {
             const uint64_t size = m_pMember->size();
             want = off >= size ? 0 : static_cast<size_t>(std::min<uint64_t>(want, size - off));
         }
-        uint8_t* into = table;
-        if (stride != entry && want > 0) {
-            packed = std::make_unique<uint8_t[]>(want);
-            into = packed.get();
+        // Read in pieces, so that a header claiming more records than the
+        // file holds costs no more memory than the file has.
+        constexpr size_t kPiece = size_t{64} << 10;
+        while (got < want) {
+            const size_t piece = std::min(kPiece, want - got);
+            read.resize(got + piece);
+            const ssize_t r = readFully(fd(), read.data() + got, piece);
+            if (r < 0) {
+                SETERR(ERR_READ);
+                return -1;
+            }
+            got += static_cast<size_t>(r);
+            if (static_cast<size_t>(r) < piece) break;
         }
-        const ssize_t r = readFully(fd(), into, want);
-        if (r < 0) {
-            SETERR(ERR_READ);
-            return -1;
-        }
-        from = into;
-        got = static_cast<size_t>(r);
+        from = read.data();
     }
+    // Records past what the file holds read as zero; they are made only when
+    // asked for (get_shdr).
+    const size_t held = stride ? std::min(n, (got + stride - 1) / stride) : 0;
+    m_fileShdrs = std::make_unique<Elf32_Shdr[]>(held);  // zeroed
+    m_nFileShdrs = n;
+    m_nHeldShdrs = held;
+    auto* table = reinterpret_cast<uint8_t*>(m_fileShdrs.get());
     if (stride == entry) {
-        if (from != table) std::memcpy(table, from, got);
-    } else if (stride > 0) {
-        for (size_t i = 0; i < n && i * stride < got; ++i)
+        if (got) std::memcpy(table, from, got);
+    } else {
+        for (size_t i = 0; i < held; ++i)
             std::memcpy(table + i * entry, from + i * stride, std::min(stride, got - i * stride));
     }
-    if (foreign()) swapBlock(reinterpret_cast<char*>(table), reinterpret_cast<char*>(table), ELF_T_SHDR, n, false);
+    if (foreign()) swapBlock(reinterpret_cast<char*>(table), reinterpret_cast<char*>(table), ELF_T_SHDR, held, false);
     return 1;
 }
 
 Elf32_Shdr* Elf::get_shdr(size_t index) const {
-    if (index < m_nFileShdrs) return &m_fileShdrs[index];
+    if (index < m_nHeldShdrs) return &m_fileShdrs[index];
+    if (index < m_nFileShdrs) {
+        try {
+            return &m_madeShdrs.try_emplace(index).first->second;  // zeroed
+        } catch (const std::bad_alloc&) {
+            SETERR(ERR_NOMEM);
+            return nullptr;
+        }
+    }
     if (index < shdrCount()) return const_cast<Elf32_Shdr*>(&m_newShdrs[index - m_nFileShdrs]);
     SETERR(ERR_NO_SUCH_SCN);
+    return nullptr;
+}
+
+const Elf32_Shdr* Elf::peekShdr(size_t index) const {
+    static const Elf32_Shdr zero{};
+    if (index < m_nHeldShdrs) return &m_fileShdrs[index];
+    if (index < m_nFileShdrs) {
+        const auto it = m_madeShdrs.find(index);
+        return it == m_madeShdrs.end() ? &zero : &it->second;
+    }
+    if (index < shdrCount()) return &m_newShdrs[index - m_nFileShdrs];
     return nullptr;
 }
 
@@ -240,7 +265,7 @@ Elf_Scn* Elf::get_scn(size_t index) {
     // A descriptor whose data are still being read is handed out as it is
     // (without data): a nested request made while converting it must not make
     // a second descriptor on the same bytes.
-    if (Elf_Scn* existing = m_vScns[index].get()) return existing;
+    if (Elf_Scn* existing = scnAt(index)) return existing;
     if (m_fdState == ELF_C_FDDONE || m_fdState == ELF_C_FDREAD) {
         SETERR(ERR_FDCNTL);
         return nullptr;
@@ -249,6 +274,9 @@ Elf_Scn* Elf::get_scn(size_t index) {
 }
 
 Elf_Scn* Elf::makeScn(size_t index) {
+    // Slots are made up to the highest index asked for, not for every
+    // section a header claims.
+    if (index >= m_vScns.size()) m_vScns.resize(index + 1);
     m_vScns[index] = std::make_unique<Elf_Scn>(this, static_cast<uint16_t>(index));
     Elf_Scn* scn = m_vScns[index].get();
     int r;

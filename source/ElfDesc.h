@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "ByteSwap.h"
@@ -58,6 +59,9 @@ public:
     Elf_Scn* get_scn(size_t index);
     // The section header of index, or null with code 21.
     Elf32_Shdr* get_shdr(size_t index) const;
+    // The header of a section without making anything (a shared zero record
+    // for one the file claims but does not hold); null past the table.
+    const Elf32_Shdr* peekShdr(size_t index) const;
     size_t shdrCount() const { return m_nFileShdrs + m_newShdrs.size(); }
     // The section descriptor already made for index, or null.
     Elf_Scn* scnAt(size_t index) const { return index < m_vScns.size() ? m_vScns[index].get() : nullptr; }
@@ -155,10 +159,14 @@ private:
     std::unique_ptr<ArDesc> m_ownedAr;
     std::unique_ptr<Elf32_Ehdr> m_ownedEhdr;
 
-    // Section headers: the table read from the file in one block, then any
-    // made by tamo_elf_newscn (a deque keeps handed-out pointers valid).
+    // Section headers: the records of the file's table that the file holds,
+    // read in one block; records it claims beyond its end (zero) made one by
+    // one when asked for; then any made by tamo_elf_newscn (a deque and a
+    // node map keep handed-out pointers valid).
     std::unique_ptr<Elf32_Shdr[]> m_fileShdrs;
-    size_t m_nFileShdrs = 0;
+    size_t m_nFileShdrs = 0;  // e_shnum as read
+    size_t m_nHeldShdrs = 0;  // records in m_fileShdrs
+    mutable std::unordered_map<size_t, Elf32_Shdr> m_madeShdrs;
     std::deque<Elf32_Shdr> m_newShdrs;
 
     // Section descriptors by index: lookup is constant time, and walking the

@@ -172,7 +172,7 @@ bool Elf::layoutCarried(size_t index, uint64_t& pos) {
     // SHT_NULL section (section 0) is left as it is, SHT_NOBITS takes no room
     // in the file, and under the caller's layout a section stays where its
     // header says. Its bytes are never dropped, whatever its name.
-    const Elf32_Shdr& sh = *get_shdr(index);
+    const Elf32_Shdr& sh = *peekShdr(index);
     Carried c{index, sh.sh_offset, sh.sh_size, sh.sh_addralign, false};
     if (sh.sh_type == SHT_NULL) return true;
     const bool nobits = sh.sh_type == SHT_NOBITS;
@@ -403,8 +403,8 @@ int64_t Elf::write2buff(char* buffer, uint64_t size) {
 
     // The section header table, with the places of the carried sections.
     char* table = buffer + h.e_shoff;
-    if (m_nFileShdrs) std::memcpy(table, m_fileShdrs.get(), kShdrSize * m_nFileShdrs);
-    for (size_t i = m_nFileShdrs; i < n; ++i) std::memcpy(table + kShdrSize * i, get_shdr(i), kShdrSize);
+    if (m_nHeldShdrs) std::memcpy(table, m_fileShdrs.get(), kShdrSize * m_nHeldShdrs);
+    for (size_t i = m_nHeldShdrs; i < n; ++i) std::memcpy(table + kShdrSize * i, peekShdr(i), kShdrSize);
     for (const Carried& c : m_carried) {
         auto* rec = reinterpret_cast<Elf32_Shdr*>(table + kShdrSize * c.index);
         Elf32_Shdr copy;
@@ -472,7 +472,7 @@ int Elf::writeImage(const char* buffer, uint64_t size) {
 
 const char* Elf::peekName(size_t index) {
     if (!m_pEhdr) return "";
-    const Elf32_Shdr* sh = get_shdr(index);
+    const Elf32_Shdr* sh = peekShdr(index);
     const size_t names = m_pEhdr->e_shstrndx;
     const Elf_Scn* table = names < shdrCount() ? scnAt(names) : nullptr;
     if (!sh || !table || table->m_vData.empty()) return "";
@@ -494,7 +494,7 @@ const uint8_t* Elf::peekSection(const char* name, size_t& size, std::vector<uint
         }
         // Never read: its bytes as the file holds them (abbreviations have no
         // byte order), within what the file has.
-        const Elf32_Shdr& sh = *get_shdr(i);
+        const Elf32_Shdr& sh = *peekShdr(i);
         const uint64_t limit = contentLimit(true);
         if (m_cmd == ELF_C_WRITE || sh.sh_type == SHT_NOBITS || sh.sh_offset > limit ||
             sh.sh_size > limit - sh.sh_offset)

@@ -8,6 +8,8 @@
 
 using namespace testkit;
 
+#include "HeldMemory.h"
+
 namespace {
 
 int tamo32_shstrndx(Elf* elf) { return tamo_elf32_getehdr(elf)->e_shstrndx; }
@@ -329,6 +331,45 @@ TEST(Malformed, OverlappingSectionsAreBounded) {
         tamo_elf_errno();
         EXPECT_EQ(tamo_elf_cntl(o.elf(), ELF_C_FDREAD), -1);
         EXPECT_EQ(tamo_elf_errno(), 4);
+    }
+}
+
+TEST(Malformed, ClaimedSectionsCostNothingUntilAskedFor) {
+    // Members that are a bare header claiming 65,535 sections: opening all of
+    // them at once holds memory in proportion to the archive, not to what
+    // the headers claim.
+    initLibrary();
+    for (Order order : {Order::Little, Order::Big}) {
+        ArchiveBuilder ar(order);
+        ObjectBuilder ob(order);
+        ob.shoffOverride = 52;
+        ob.shnumOverride = 65535;
+        Bytes header = ob.build();
+        header.resize(52);
+        constexpr size_t kMembers = 64;
+        for (size_t i = 0; i < kMembers; ++i) {
+            char member[16];
+            std::snprintf(member, sizeof member, "m%zu.o", i);
+            ar.addMember({.name = member, .data = header});
+        }
+        MemFile f(ar.build());
+        Elf* archive = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
+        ASSERT_NE(archive, nullptr);
+        const long before = heldByNew();
+        std::vector<Elf*> members;
+        Elf_Cmd cmd = ELF_C_READ;
+        for (Elf* m; (m = tamo_elf_begin(f.fd(), cmd, archive)) != nullptr;) {
+            members.push_back(m);
+            cmd = tamo_elf_next(m);
+        }
+        ASSERT_EQ(members.size(), kMembers);
+        EXPECT_LT(heldByNew() - before, static_cast<long>(kMembers * 4096)) << name(order);
+        // The claimed sections are there, as zero headers.
+        Elf_Scn* last = tamo_elf_getscn(members[0], 65534);
+        ASSERT_NE(last, nullptr);
+        EXPECT_EQ(tamo_elf32_getshdr(last)->sh_type, 0u);
+        for (Elf* m : members) tamo_elf_end(m);
+        tamo_elf_end(archive);
     }
 }
 
