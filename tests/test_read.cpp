@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <functional>
+#include <random>
 #include <tuple>
 
 #include "ReadSupport.h"
+#include "Registry.h"
 
 using namespace testkit;
 
@@ -450,6 +452,24 @@ TEST(Read, SmallFilesAndKindDetection) {
     EXPECT_EQ(tamo_elf_errno(), 3);
     EXPECT_EQ(tamo_elf_cntl(nullptr, ELF_C_FDREAD), -1);
     EXPECT_EQ(tamo_elf_errno(), 32);
+}
+
+TEST(Read, RegistryKeepsTrackThroughGrowthAndRemovals) {
+    // Addresses of a static arena, so that they cannot be those of live
+    // descriptors; close together, as descriptors made in a row are.
+    static uint64_t arena[20000];
+    std::vector<const void*> in;
+    for (size_t i = 0; i < 20000; i += 1 + i % 3) in.push_back(&arena[i]);
+    for (const void* p : in) tamo::Registry::add(tamo::HandleClass::Data, p);
+    std::mt19937 rng(7);
+    std::shuffle(in.begin(), in.end(), rng);
+    const size_t half = in.size() / 2;
+    for (size_t i = 0; i < half; ++i) tamo::Registry::remove(tamo::HandleClass::Data, in[i]);
+    for (size_t i = 0; i < in.size(); ++i)
+        ASSERT_EQ(tamo::Registry::live(tamo::HandleClass::Data, in[i]), i >= half) << i;
+    EXPECT_FALSE(tamo::Registry::live(tamo::HandleClass::Scn, in.back()));
+    for (size_t i = half; i < in.size(); ++i) tamo::Registry::remove(tamo::HandleClass::Data, in[i]);
+    for (const void* p : in) ASSERT_FALSE(tamo::Registry::live(tamo::HandleClass::Data, p));
 }
 
 TEST(Read, HandleChecks) {
