@@ -507,18 +507,13 @@ template <dwarf::Buffers B>
 }
 
 template <dwarf::Buffers B>
-[[gnu::always_inline]] inline void step(Lane<B>& l, QuickTable& quickTable) {
-    if (l.inUnit)
-        swap_dwarf_entry(l);
-    else
-        l = startUnit(l, quickTable);
-}
-
-template <dwarf::Buffers B>
 void debugInfo(const CursorPair& whole, bool types) {
     QuickTable quick;
     Lane<B> one(whole, 0, whole.size(), types);
-    while (!one.done()) step(one, quick);
+    while (!one.done()) {
+        one = startUnit(one, quick);
+        while (one.inUnit) swap_dwarf_entry(one);
+    }
 }
 
 // The directory or file table of a version 5 line program header: entry
