@@ -1,9 +1,11 @@
 #!/bin/sh
 # Builds and runs every test in four flavours: g++, g++ with AddressSanitizer
-# and UndefinedBehaviorSanitizer, a 32-bit build, and clang++. Every flavour
-# runs even when an earlier one failed; the script exits non-zero when any
-# configure, build or test failed, naming the flavour and showing what went
-# wrong. Logs stay in build/logs.
+# and UndefinedBehaviorSanitizer, a 32-bit build, and clang++ with both
+# sanitizers, whose build also has the libFuzzer targets: each of them then
+# runs for a few seconds from the stored corpus and the replayed findings
+# (the fuzz smoke). Every flavour runs even when an earlier one failed; the
+# script exits non-zero when any configure, build, test or fuzz run failed,
+# naming it and showing what went wrong. Logs stay in build/logs.
 set -u
 cd "$(dirname "$0")/.."
 scripts/packages.sh cmake make g++ clang llvm binutils libgtest-dev libbenchmark-dev g++-multilib libcli11-dev \
@@ -71,7 +73,36 @@ run gcc -DCMAKE_BUILD_TYPE=Release
 run sanitize -DCMAKE_BUILD_TYPE=Debug -DTAMO_SANITIZE=ON -DTAMO_BUILD_BENCH=OFF
 # shellcheck disable=SC2046
 run m32 -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 -DTAMO_BUILD_BENCH=OFF $(m32_emulator)
-CC=clang CXX=clang++ run clang -DCMAKE_BUILD_TYPE=Release -DTAMO_BUILD_BENCH=OFF
+CC=clang CXX=clang++ run clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMO_SANITIZE=ON -DTAMO_BUILD_FUZZ=ON \
+    -DTAMO_BUILD_BENCH=OFF
+
+# The fuzz smoke: every target a few seconds under the sanitizers.
+fuzz_smoke() {
+    case " $broken " in *" clang "*) return ;; esac
+    smoke=0
+    for t in image fd archive write rdwr dwarf interop; do
+        target=build/clang/fuzz/fuzz_$t
+        [ -x "$target" ] || continue
+        work=$(mktemp -d)
+        mkdir -p "fuzz/corpus/$t"
+        if "$target" "$work" "fuzz/corpus/$t" "tests/regressions/$t" -max_total_time=7 -timeout=10 \
+            -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$logs/fuzz_$t-" >"$logs/fuzz_$t" 2>&1; then
+            passed=$((passed + 1))
+        else
+            echo "== fuzz smoke: fuzz_$t FAILED"
+            grep -E -A30 'ERROR|==[0-9]+==|runtime error|deadly signal' "$logs/fuzz_$t" | head -n 60
+            failed=$((failed + 1))
+            smoke=1
+        fi
+        rm -rf "$work"
+    done
+    if [ "$smoke" -ne 0 ]; then
+        broken="$broken fuzz-smoke"
+    else
+        echo "== fuzz smoke: no finding"
+    fi
+}
+fuzz_smoke
 
 echo "$passed passed, $failed failed"
 if [ -n "$broken" ]; then

@@ -6,25 +6,37 @@
 #include <cstdlib>
 #include <new>
 
+// Every form of operator new and delete, so that none of them pairs with a
+// sanitizer's own.
 namespace {
 std::atomic<long> held{0};
+
+void* take(size_t n) noexcept {
+    void* p = std::malloc(n ? n : 1);
+    if (p) held += static_cast<long>(malloc_usable_size(p));
+    return p;
 }
+void give(void* p) noexcept {
+    if (p) held -= static_cast<long>(malloc_usable_size(p));
+    std::free(p);
+}
+}  // namespace
 
 long heldByNew() { return held.load(); }
 
 void* operator new(size_t n) {
-    void* p = std::malloc(n ? n : 1);
-    if (!p) throw std::bad_alloc();
-    held += static_cast<long>(malloc_usable_size(p));
-    return p;
+    if (void* p = take(n)) return p;
+    throw std::bad_alloc();
 }
-
-void operator delete(void* p) noexcept {
-    if (p) held -= static_cast<long>(malloc_usable_size(p));
-    std::free(p);
+void* operator new[](size_t n) {
+    if (void* p = take(n)) return p;
+    throw std::bad_alloc();
 }
-
-void operator delete(void* p, size_t) noexcept {
-    if (p) held -= static_cast<long>(malloc_usable_size(p));
-    std::free(p);
-}
+void* operator new(size_t n, const std::nothrow_t&) noexcept { return take(n); }
+void* operator new[](size_t n, const std::nothrow_t&) noexcept { return take(n); }
+void operator delete(void* p) noexcept { give(p); }
+void operator delete[](void* p) noexcept { give(p); }
+void operator delete(void* p, size_t) noexcept { give(p); }
+void operator delete[](void* p, size_t) noexcept { give(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { give(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { give(p); }
