@@ -11,7 +11,8 @@ for t in $targets; do
     [ -x "$build/fuzz/fuzz_$t" ] || { echo "fuzz_$t: not built (run fuzz/run.sh first)"; continue; }
     merged=$(mktemp -d)
     mkdir -p "fuzz/corpus/$t" "$build/corpus/$t"
-    "$build/fuzz/fuzz_$t" -merge=1 -max_len="${MAX_LEN:-16384}" "$merged" "fuzz/corpus/$t" "$build/corpus/$t" \
+    # build/fuzz/corpus and any further working corpora (corpus2, ...).
+    "$build/fuzz/fuzz_$t" -merge=1 -max_len="${MAX_LEN:-16384}" "$merged" "fuzz/corpus/$t" "$build"/corpus*/"$t" \
         >"$build/minimise_$t.log" 2>&1
     rm -rf "fuzz/corpus/$t"
     mv "$merged" "fuzz/corpus/$t"
