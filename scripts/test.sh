@@ -1,4 +1,4 @@
-#!/bin/sh
+#!/bin/bash
 # Builds and runs every test in four flavours: g++, g++ with AddressSanitizer
 # and UndefinedBehaviorSanitizer, a 32-bit build, and clang++ with both
 # sanitizers, whose build also has the libFuzzer targets: each of them then
@@ -6,7 +6,7 @@
 # (the fuzz smoke). Every flavour runs even when an earlier one failed; the
 # script exits non-zero when any configure, build, test or fuzz run failed,
 # naming it and showing what went wrong. Logs stay in build/logs.
-set -u
+set -u -o pipefail
 cd "$(dirname "$0")/.."
 scripts/packages.sh cmake make g++ clang llvm binutils libgtest-dev libbenchmark-dev g++-multilib libcli11-dev \
     nlohmann-json3-dev || exit 1

@@ -298,7 +298,7 @@ json objectJson(const Object& o) {
 
 }  // namespace
 
-void printText(std::ostream& out, const Inspected& f) {
+void printText(std::ostream& out, const Survey& f) {
     if (!f.archive) {
         out << "File: " << f.object.file << "\n";
         if (f.object.header.e_ident[0] == 0x7f) printObject(out, f.object);
@@ -325,7 +325,7 @@ void printText(std::ostream& out, const Inspected& f) {
     }
 }
 
-json toJson(const Inspected& f) {
+json toJson(const Survey& f) {
     if (!f.archive) return objectJson(f.object);
     const Archive& a = f.ar;
     json j;
@@ -356,7 +356,7 @@ json toJson(const Inspected& f) {
     return j;
 }
 
-size_t printProblems(std::ostream& out, const Inspected& f) {
+size_t printProblems(std::ostream& out, const Survey& f) {
     size_t n = 0;
     auto print = [&](const std::string& file, const Problem& p) {
         ++n;
@@ -377,7 +377,7 @@ size_t printProblems(std::ostream& out, const Inspected& f) {
     return n;
 }
 
-void printNotes(std::ostream& out, const Inspected& f) {
+void printNotes(std::ostream& out, const Survey& f) {
     auto print = [&](const std::string& file, const Object& o) {
         for (const Problem& n : o.notes) out << file << ": " << n.where << ": note: " << n.message << "; " << n.note << "\n";
     };

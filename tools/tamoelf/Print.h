@@ -6,18 +6,18 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Inspect.h"
+#include "Survey.h"
 
 namespace tool {
 
-void printText(std::ostream& out, const Inspected& file);
-nlohmann::json toJson(const Inspected& file);
+void printText(std::ostream& out, const Survey& file);
+nlohmann::json toJson(const Survey& file);
 
 // One line per problem: file, place, code, message, context, and what was
 // done. Returns how many there were.
-size_t printProblems(std::ostream& out, const Inspected& file);
+size_t printProblems(std::ostream& out, const Survey& file);
 
 // One line per note ("file: place: note: ..."), which are not problems.
-void printNotes(std::ostream& out, const Inspected& file);
+void printNotes(std::ostream& out, const Survey& file);
 
 }  // namespace tool

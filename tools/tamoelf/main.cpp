@@ -1,4 +1,4 @@
-// tamoelf: inspect, check and convert 32-bit ELF objects and archives of
+// tamoelf: show, check and convert 32-bit ELF objects and archives of
 // this format (44-byte section headers, 20-byte symbols, "!<elfa>\n" and
 // "!<sola>\n" archives), through the tamoelf library, and carry them to and
 // from standard ELF32 and GNU ar.
@@ -9,7 +9,7 @@
 #include <new>
 
 #include "Convert.h"
-#include "Inspect.h"
+#include "Survey.h"
 #include "Interop.h"
 #include "Walkers.h"
 #include "Print.h"
@@ -27,7 +27,7 @@ int info(const std::vector<std::string>& files, bool asJson) {
     nlohmann::json documents = nlohmann::json::array();
     for (const std::string& f : files) {
         try {
-            const Inspected r = inspectFile(f);
+            const Survey r = surveyFile(f);
             if (asJson) {
                 documents.push_back(toJson(r));
             } else {
@@ -55,7 +55,7 @@ int check(const std::vector<std::string>& files) {
     int status = 0;
     for (const std::string& f : files) {
         try {
-            const Inspected r = inspectFile(f, /*convert=*/true);
+            const Survey r = surveyFile(f, /*convert=*/true);
             printNotes(std::cout, r);
             if (printProblems(std::cout, r) == 0)
                 std::cout << f << ": clean\n";
@@ -83,7 +83,7 @@ int writing(Command command) {
 int main(int argc, char** argv) {
     tamo_elf_version(EV_CURRENT);
     CLI::App app{
-        "Inspect, check and convert 32-bit ELF objects and archives of this format (44-byte section "
+        "Show, check and convert 32-bit ELF objects and archives of this format (44-byte section "
         "headers, 20-byte symbols, \"!<elfa>\"/\"!<sola>\" archives), in either byte order, and carry them to and "
         "from standard ELF32 objects and GNU ar archives."};
     app.set_version_flag("--version", std::string("tamoelf ") + TAMOELF_VERSION);

@@ -1,4 +1,4 @@
-#include "Inspect.h"
+#include "Survey.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -277,7 +277,7 @@ const Section* Object::section(size_t index) const {
     return index < sections.size() && sections[index].index == index ? &sections[index] : nullptr;
 }
 
-bool Inspected::clean() const {
+bool Survey::clean() const {
     if (!archive) return object.problems.empty();
     if (!ar.problems.empty()) return false;
     for (const Member& m : ar.members)
@@ -285,7 +285,7 @@ bool Inspected::clean() const {
     return true;
 }
 
-Object inspectObject(Elf* elf, const std::string& file, const Bytes& bytes, bool convert) {
+Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool convert) {
     Object o;
     o.file = file;
     o.size = bytes.size();
@@ -359,8 +359,8 @@ Object inspectObject(Elf* elf, const std::string& file, const Bytes& bytes, bool
 
 namespace {
 
-Inspected inspectArchive(const std::string& path, const Bytes& bytes, int fd, bool convert) {
-    Inspected r;
+Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool convert) {
+    Survey r;
     r.archive = true;
     Archive& a = r.ar;
     a.file = path;
@@ -417,7 +417,7 @@ Inspected inspectArchive(const std::string& path, const Bytes& bytes, int fd, bo
         }
         const Bytes data(bytes.begin() + lm.dataOffset, bytes.begin() + lm.dataOffset + lm.size);
         m.isObject = true;
-        m.object = inspectObject(e, path + "(" + m.name + ")", data, convert);
+        m.object = surveyObject(e, path + "(" + m.name + ")", data, convert);
         tamo_elf_end(e);
         a.members.push_back(std::move(m));
     }
@@ -436,7 +436,7 @@ Inspected inspectArchive(const std::string& path, const Bytes& bytes, int fd, bo
 
 }  // namespace
 
-Inspected inspectFile(const std::string& path, bool convert) {
+Survey surveyFile(const std::string& path, bool convert) {
     const Bytes bytes = readFile(path);
     const int fd = tamo_elf_open(path.c_str(), O_RDONLY, 0);
     if (fd < 0) throw Failure(path + ": " + takeLibraryError().describe());
@@ -444,8 +444,8 @@ Inspected inspectFile(const std::string& path, bool convert) {
         int fd;
         ~Closer() { tamo_elf_close(fd); }
     } closer{fd};
-    if (isArchive(bytes)) return inspectArchive(path, bytes, fd, convert);
-    Inspected r;
+    if (isArchive(bytes)) return surveyArchive(path, bytes, fd, convert);
+    Survey r;
     r.object.file = path;
     r.object.size = bytes.size();
     Elf* elf = tamo_elf_begin(fd, ELF_C_READ, nullptr);
@@ -453,7 +453,7 @@ Inspected inspectFile(const std::string& path, bool convert) {
         r.object.problems.push_back(libraryProblem("file", "not read"));
         return r;
     }
-    r.object = inspectObject(elf, path, bytes, convert);
+    r.object = surveyObject(elf, path, bytes, convert);
     tamo_elf_end(elf);
     return r;
 }

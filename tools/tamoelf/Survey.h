@@ -120,7 +120,7 @@ struct Archive {
     std::vector<Problem> problems;
 };
 
-struct Inspected {
+struct Survey {
     bool archive = false;
     Object object;
     Archive ar;
@@ -130,12 +130,12 @@ struct Inspected {
 // Reads a file (object or archive). `convert` also converts every section's
 // data to the file's order and back and checks it comes back (for check).
 // Throws Failure only when the file cannot be opened or is neither.
-Inspected inspectFile(const std::string& path, bool convert = false);
+Survey surveyFile(const std::string& path, bool convert = false);
 
 // Reads an object through a descriptor; `bytes` are the object's own bytes
 // (for the parts the library does not interpret: headers of sections it
 // refuses, 16-byte symbols of standard objects).
-Object inspectObject(Elf* elf, const std::string& file, const Bytes& bytes, bool convert);
+Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool convert);
 
 // Names used in listings.
 std::string sectionTypeName(uint32_t type);
