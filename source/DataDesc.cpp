@@ -71,6 +71,7 @@ int DataDesc::initialize() {
     // Convert in place to host order. A failure leaves its code set and the
     // bytes as they are; reading goes on.
     const SwapPlan p = plan(type, /*toFile=*/false, /*force=*/false);
+    bool converted = false;
     if (m_readFrom >= 0) {
         // Fixed-size records are converted chunk by chunk as they are read.
         const bool whileReading = p.status > 0 && !p.dwarf && type != ELF_T_BYTE;
@@ -81,21 +82,14 @@ int DataDesc::initialize() {
             char* c = reinterpret_cast<char*>(chunk);
             ByteSwap::swapBlock(c, c, sp.type, n / unitSize(sp.type), sp.srcNative);
         };
-        // The records end where p.count does: a partial record at the end
-        // stays as it is.
-        const size_t whole = whileReading ? p.count * unitSize(type) : m_data.d_size;
-        auto* buf = static_cast<uint8_t*>(m_data.d_buf);
-        if (!readSection(elf->fd(), from, buf, whole, unitSize(type), whileReading ? +convert : nullptr,
-                         const_cast<SwapPlan*>(&p)) ||
-            (whole < m_data.d_size && !readSection(elf->fd(), from + static_cast<int64_t>(whole), buf + whole,
-                                                   m_data.d_size - whole)))
+        // Chunks are whole records, so a partial record at the end stays as
+        // it is, as p.count says.
+        if (!readSection(elf->fd(), from, static_cast<uint8_t*>(m_data.d_buf), m_data.d_size, unitSize(type),
+                         whileReading ? +convert : nullptr, const_cast<SwapPlan*>(&p)))
             return -1;
-        if (whileReading) {
-            m_data.d_type = trueType[m_data.d_type];
-            return m_data.d_size > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(m_data.d_size);
-        }
+        converted = whileReading;
     }
-    if (p.status > 0) {
+    if (p.status > 0 && !converted) {
         char* buf = static_cast<char*>(m_data.d_buf);
         auto* bytes = reinterpret_cast<uint8_t*>(buf);
         if (!m_bInImage || (!p.dwarf && type == ELF_T_BYTE)) {
