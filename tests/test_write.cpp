@@ -6,15 +6,18 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <deque>
 #include <functional>
+#include <map>
+#include <tuple>
 
 #include "ReadSupport.h"
 
 using namespace testkit;
 
 namespace {
+
+using Words = std::vector<uint32_t>;
 
 Bytes fileBytes(int fd) {
     const off_t end = lseek(fd, 0, SEEK_END);
@@ -24,26 +27,11 @@ Bytes fileBytes(int fd) {
 }
 
 Elf_Type dataType(uint32_t shType) {
-    switch (shType) {
-        case SHT_SYMTAB:
-            return ELF_T_SYM;
-        case SHT_RELA:
-            return ELF_T_RELA;
-        case SHT_REL:
-            return ELF_T_REL;
-        case SHT_HASH:
-            return ELF_T_WORD;
-        case SHT_DYNAMIC:
-            return ELF_T_DYN;
-        case 13:
-            return ELF_T_SIXWORD;
-        case 14:
-            return ELF_T_OFF;
-        case 20:
-            return ELF_T_THREEWORD;
-        default:
-            return ELF_T_BYTE;
-    }
+    static const std::map<uint32_t, Elf_Type> types = {
+        {SHT_SYMTAB, ELF_T_SYM},  {SHT_RELA, ELF_T_RELA}, {SHT_REL, ELF_T_REL}, {SHT_HASH, ELF_T_WORD},
+        {SHT_DYNAMIC, ELF_T_DYN}, {13, ELF_T_SIXWORD},    {14, ELF_T_OFF},      {20, ELF_T_THREEWORD}};
+    const auto it = types.find(shType);
+    return it == types.end() ? ELF_T_BYTE : it->second;
 }
 
 // The bytes a caller holds for a section: host order for record types,
@@ -52,72 +40,59 @@ Bytes callerBytes(const Section& s, Order o) {
     return encode(s.content, dataType(s.type) == ELF_T_BYTE ? o : kHost);
 }
 
-// Makes through the library the object that ObjectBuilder makes of the same
-// sections (the section-name table last), in the given byte order.
-class LibraryObject {
-public:
-    LibraryObject(Order o, const std::vector<Section>& sections) : m_file(Bytes{}) {
+// A new file with a header, the null section and the sections and pieces
+// the test adds; the pieces' bytes are kept in `bodies`.
+struct NewFile {
+    MemFile file{Bytes{}};
+    Elf* elf;
+    std::deque<Bytes> bodies;
+    NewFile() {
         initLibrary();
-        m_elf = tamo_elf_begin(m_file.fd(), ELF_C_WRITE, nullptr);
-        Elf32_Ehdr* h = tamo_elf32_newehdr(m_elf);
+        elf = tamo_elf_begin(file.fd(), ELF_C_WRITE, nullptr);
+        tamo_elf32_newehdr(elf);
+    }
+    // The object ObjectBuilder makes of the same sections (the section-name
+    // table last), in byte order o.
+    NewFile(Order o, const std::vector<Section>& sections) : NewFile() {
+        std::string names(1, '\0');
+        for (const Section& s : sections) {
+            const uint32_t size = s.type == SHT_NOBITS ? static_cast<uint32_t>(s.forceSize) : 0;
+            Elf_Scn* scn = section({static_cast<uint32_t>(names.size()), s.type, s.flags, s.addr, 0, size, s.link,
+                                    s.info, s.align, s.entsize, s.extra});
+            names += s.name + '\0';
+            if (s.type != SHT_NOBITS) piece(scn, callerBytes(s, o))->d_type = dataType(s.type);
+        }
+        Elf_Scn* shstr = section({static_cast<uint32_t>(names.size()), SHT_STRTAB, 0, 0, 0, 0, 0, 0, 1, 0, 0});
+        names.append(".shstrtab", 10);
+        piece(shstr, Bytes(names.begin(), names.end()));
+        Elf32_Ehdr* h = tamo_elf32_getehdr(elf);
         h->e_type = 1;
         h->e_machine = 20;
-        std::string names(1, '\0');
-        std::vector<uint32_t> nameOff;
-        for (const Section& s : sections) {
-            nameOff.push_back(static_cast<uint32_t>(names.size()));
-            names += s.name + '\0';
-        }
-        const uint32_t shstrName = static_cast<uint32_t>(names.size());
-        names += std::string(".shstrtab") + '\0';
-        for (size_t i = 0; i < sections.size(); ++i) {
-            const Section& s = sections[i];
-            m_bodies.push_back(callerBytes(s, o));
-            add(s, nameOff[i], m_bodies.back(), dataType(s.type));
-        }
-        Section shstr{.name = ".shstrtab", .type = SHT_STRTAB};
-        m_bodies.push_back(Bytes(names.begin(), names.end()));
-        add(shstr, shstrName, m_bodies.back(), ELF_T_BYTE);
-        h = tamo_elf32_getehdr(m_elf);
         h->e_shstrndx = static_cast<Elf32_Half>(sections.size() + 1);
         h->e_ident[EI_DATA] = static_cast<unsigned char>(o);
     }
-    ~LibraryObject() {
-        if (m_elf) tamo_elf_end(m_elf);
+    ~NewFile() { tamo_elf_end(elf); }
+    Elf_Scn* section(const Elf32_Shdr& sh) {
+        Elf_Scn* scn = tamo_elf_newscn(elf);
+        *tamo_elf32_getshdr(scn) = sh;
+        return scn;
     }
-    Elf* elf() const { return m_elf; }
-    int fd() const { return m_file.fd(); }
-    Elf_Scn* scn(size_t i) const { return tamo_elf_getscn(m_elf, i); }
-    Elf_Data* data(size_t i) const { return tamo_elf_getdata(scn(i), nullptr); }
-    off_t write() { return tamo_elf_update(m_elf, ELF_C_WRITE); }
-    Bytes written() const { return fileBytes(m_file.fd()); }
-    // The caller's buffers, which writing must leave as they were.
-    const std::deque<Bytes>& bodies() const { return m_bodies; }
-
-private:
-    void add(const Section& s, uint32_t name, Bytes& body, Elf_Type type) {
-        Elf_Scn* scn = tamo_elf_newscn(m_elf);
-        Elf32_Shdr* sh = tamo_elf32_getshdr(scn);
-        *sh = Elf32_Shdr{name, s.type, s.flags, s.addr, 0, 0, s.link, s.info, s.align, s.entsize, s.extra};
-        if (s.type == SHT_NOBITS) {
-            sh->sh_size = static_cast<Elf32_Word>(s.forceSize);
-            return;
-        }
+    Elf_Scn* section(uint32_t name, uint32_t type = SHT_PROGBITS, uint32_t align = 0) {
+        return section({name, type, 0, 0, 0, 0, 0, 0, align, 0, 0});
+    }
+    Elf_Data* piece(Elf_Scn* scn, Bytes body, size_t align = 1) {
+        bodies.push_back(std::move(body));
         Elf_Data* d = tamo_elf_newdata(scn);
-        d->d_buf = body.data();
-        d->d_size = body.size();
-        d->d_type = type;
+        d->d_buf = bodies.back().data();
+        d->d_size = bodies.back().size();
+        d->d_align = align;
+        return d;
     }
-
-    MemFile m_file;
-    Elf* m_elf = nullptr;
-    std::deque<Bytes> m_bodies;
+    Elf_Data* piece(Elf_Scn* scn, size_t size, size_t align = 1) { return piece(scn, Bytes(size, 0x11), align); }
+    Bytes written() const { return fileBytes(file.fd()); }
 };
 
-class WriteBoth : public ::testing::TestWithParam<Order> {
-protected:
-    void SetUp() override { initLibrary(); }
-};
+class WriteBoth : public ::testing::TestWithParam<Order> {};
 
 TEST_P(WriteBoth, ImageEqualsTheIndependentEncoding) {
     // Every record type, symbols with st_extra, sh_extra, a SHT_NOBITS
@@ -125,13 +100,15 @@ TEST_P(WriteBoth, ImageEqualsTheIndependentEncoding) {
     // host-order headers unchanged afterwards.
     Sample s(GetParam());
     const Bytes expected = s.build();
-    LibraryObject lib(GetParam(), s.sections);
-    const std::vector<Bytes> before(lib.bodies().begin(), lib.bodies().end());
-    ASSERT_EQ(lib.write(), static_cast<off_t>(expected.size())) << tamo_elf_errmsg(tamo_elf_errno());
+    NewFile lib(GetParam(), s.sections);
+    const std::deque<Bytes> before = lib.bodies;
+    ASSERT_EQ(tamo_elf_update(lib.elf, ELF_C_WRITE), static_cast<off_t>(expected.size()))
+        << tamo_elf_errmsg(tamo_elf_errno());
     EXPECT_EQ(lib.written(), expected);
-    EXPECT_TRUE(std::equal(before.begin(), before.end(), lib.bodies().begin()));
-    EXPECT_EQ(tamo_elf32_getshdr(lib.scn(s.symtab))->sh_extra, 0x5a5au) << "headers stay in host order";
-    EXPECT_EQ(tamo_elf32_getehdr(lib.elf())->e_shoff, get32(expected, 32, GetParam()));
+    EXPECT_EQ(lib.bodies, before);
+    EXPECT_EQ(tamo_elf32_getshdr(tamo_elf_getscn(lib.elf, s.symtab))->sh_extra, 0x5a5au)
+        << "headers stay in host order";
+    EXPECT_EQ(tamo_elf32_getehdr(lib.elf)->e_shoff, get32(expected, 32, GetParam()));
 
     // Reading it back gives exactly what was written, both ways.
     for (Access a : {Access::File, Access::Image}) {
@@ -144,26 +121,26 @@ TEST_P(WriteBoth, ImageEqualsTheIndependentEncoding) {
 }
 
 TEST_P(WriteBoth, UpdateInPlaceIsByteIdenticalAndCarriesUnreadSections) {
-    // A file opened for update with only some sections read (or all, or
-    // none), marked dirty and written again, is the same file; unread
-    // sections are copied from the file as they stand.
+    // A file opened for update with none, one or several sections read,
+    // marked dirty and written again, is the same file: unread sections are
+    // copied from the file as they stand, and a longer file is cut to the
+    // image.
+    initLibrary();
     Sample s(GetParam());
     const Bytes original = s.build();
-    const std::vector<std::vector<size_t>> reads = {{}, {s.symtab}, {s.rela, s.text, s.bss}};
+    Bytes longer = original;
+    longer.insert(longer.end(), 8, 't');
+    const std::vector<size_t> reads[] = {{}, {s.symtab}, {s.rela, s.text, s.bss}};
     for (const auto& which : reads) {
-        char path[] = "/tmp/tamoelf-rdwr-XXXXXX";
-        const int fd = mkstemp(path);
-        ASSERT_EQ(write(fd, original.data(), original.size()), static_cast<ssize_t>(original.size()));
-        // A longer file is cut to the image.
-        ASSERT_EQ(write(fd, "trailing", 8), 8);
-        lseek(fd, 0, SEEK_SET);
-        Elf* elf = tamo_elf_begin(fd, ELF_C_RDWR, nullptr);
+        MemFile file(longer);
+        Elf* elf = tamo_elf_begin(file.fd(), ELF_C_RDWR, nullptr);
         ASSERT_NE(elf, nullptr);
-        for (size_t i : which) ASSERT_NE(tamo_elf_getscn(elf, i), nullptr);
+        for (size_t i : which)
+            ASSERT_EQ(tamo_elf_getdata(tamo_elf_getscn(elf, i), nullptr) != nullptr, i != s.bss) << i;
         tamo_elf_flagelf(elf, ELF_C_SET, ELF_F_DIRTY);
-        lseek(fd, 5, SEEK_SET);  // the image lands at offset 0 wherever the file stands
+        lseek(file.fd(), 5, SEEK_SET);  // the image lands at offset 0 wherever the file stands
         EXPECT_EQ(tamo_elf_update(elf, ELF_C_WRITE), static_cast<off_t>(original.size()));
-        EXPECT_EQ(fileBytes(fd), original) << which.size() << " sections read";
+        EXPECT_EQ(fileBytes(file.fd()), original) << which.size() << " sections read";
         EXPECT_EQ(tamo_elf_update(elf, ELF_C_WRITE), 0) << "not dirty any more: nothing written";
         // Sections carried over are readable at their (new) places afterwards.
         Elf_Data* hash = tamo_elf_getdata(tamo_elf_getscn(elf, s.hash), nullptr);
@@ -171,8 +148,6 @@ TEST_P(WriteBoth, UpdateInPlaceIsByteIdenticalAndCarriesUnreadSections) {
         EXPECT_EQ(Bytes(static_cast<uint8_t*>(hash->d_buf), static_cast<uint8_t*>(hash->d_buf) + hash->d_size),
                   hostBytes(s.section(s.hash)));
         tamo_elf_end(elf);
-        close(fd);
-        unlink(path);
     }
 }
 
@@ -181,29 +156,16 @@ TEST_P(WriteBoth, CoffSectionsComeBackAsTheyWere) {
     // on writing; only the padding of big-endian records (and the bytes of a
     // trailing partial record) are not kept.
     CoffObject c(GetParam());
-    const Bytes original = c.b.build();
-    MemFile f(original);
-    Elf* elf = tamo_elf_begin(f.fd(), ELF_C_READ, nullptr);
-    ASSERT_EQ(tamo_elf_cntl(elf, ELF_C_FDREAD), 0);
-    std::vector<Bytes> seen;
-    for (size_t i = 1; i < tamo_elf32_getehdr(elf)->e_shnum; ++i) {
-        Elf_Data* d = tamo_elf_getdata(tamo_elf_getscn(elf, i), nullptr);
-        seen.emplace_back(static_cast<uint8_t*>(d->d_buf), static_cast<uint8_t*>(d->d_buf) + d->d_size);
-    }
-    tamo_elf_end(elf);
+    Opened read(c.b.build(), Access::File);
+    ASSERT_EQ(tamo_elf_cntl(read.elf(), ELF_C_FDREAD), 0);
     // Write what was read into a new file of the same order, read it back.
-    std::vector<Section> sections;
-    for (size_t i = 0; i + 1 < seen.size(); ++i) {
-        Section s = c.sections.at(i);
-        s.content = raw(seen[i]);
-        sections.push_back(s);
-    }
-    LibraryObject lib(GetParam(), sections);
-    lib.data(c.rela)->d_type = ELF_T_RELA;  // as reading presented them
-    lib.data(c.relaTyped)->d_type = ELF_T_RELA;
-    ASSERT_GT(lib.write(), 0);
+    std::vector<Section> sections = c.sections;
+    for (size_t i = 0; i < sections.size(); ++i) sections[i].content = raw(read.bytes(i + 1));
+    NewFile lib(GetParam(), sections);
+    tamo_elf_getdata(tamo_elf_getscn(lib.elf, c.rela), nullptr)->d_type = ELF_T_RELA;  // as reading presented it
+    ASSERT_GT(tamo_elf_update(lib.elf, ELF_C_WRITE), 0);
     Opened again(lib.written(), Access::File);
-    for (size_t i = 1; i < seen.size(); ++i) EXPECT_EQ(again.bytes(i), seen[i - 1]) << "section " << i;
+    for (size_t i = 1; i <= sections.size(); ++i) EXPECT_EQ(again.bytes(i), read.bytes(i)) << "section " << i;
 }
 
 INSTANTIATE_TEST_SUITE_P(Write, WriteBoth, ::testing::Values(Order::Little, Order::Big),
@@ -211,143 +173,70 @@ INSTANTIATE_TEST_SUITE_P(Write, WriteBoth, ::testing::Values(Order::Little, Orde
 
 // ---------------------------------------------------------------------------
 
-// A new file with the null section and sections described by the callback.
-struct NewFile {
-    MemFile file{Bytes{}};
-    Elf* elf;
-    std::deque<Bytes> bodies;
-    NewFile() {
-        initLibrary();
-        elf = tamo_elf_begin(file.fd(), ELF_C_WRITE, nullptr);
-        tamo_elf32_newehdr(elf);
-    }
-    ~NewFile() { tamo_elf_end(elf); }
-    Elf_Scn* section(uint32_t name, uint32_t type = SHT_PROGBITS, uint32_t align = 0) {
-        Elf_Scn* scn = tamo_elf_newscn(elf);
-        Elf32_Shdr* sh = tamo_elf32_getshdr(scn);
-        sh->sh_name = name;
-        sh->sh_type = type;
-        sh->sh_addralign = align;
-        return scn;
-    }
-    Elf_Data* piece(Elf_Scn* scn, size_t size, size_t align = 1, uint8_t byte = 0x11) {
-        bodies.emplace_back(size, byte);
-        Elf_Data* d = tamo_elf_newdata(scn);
-        d->d_buf = bodies.back().data();
-        d->d_size = size;
-        d->d_align = align;
-        return d;
-    }
-};
+// A section header's offset, size and alignment.
+Words placed(Elf_Scn* s) {
+    const Elf32_Shdr* sh = tamo_elf32_getshdr(s);
+    return {sh->sh_offset, sh->sh_size, sh->sh_addralign};
+}
 
 TEST(Layout, LibraryLayoutExamples) {
-    {
-        NewFile f;
-        Elf_Scn* s = f.section(1);
-        f.piece(s, 10, 4);
-        ASSERT_EQ(tamo_elf_update(f.elf, ELF_C_NULL), 152);
-        const Elf32_Ehdr* h = tamo_elf32_getehdr(f.elf);
-        EXPECT_EQ(h->e_ehsize, 52);
-        EXPECT_EQ(h->e_shentsize, 44);
-        EXPECT_EQ(h->e_shnum, 2);
-        EXPECT_EQ(h->e_shoff, 64u);
-        EXPECT_EQ(h->e_ident[EI_CLASS], ELFCLASS32);
-        EXPECT_EQ(h->e_ident[EI_DATA], ELFDATA2LSB);
-        EXPECT_EQ(h->e_version, 1u);
-        const Elf32_Shdr* sh = tamo_elf32_getshdr(s);
-        EXPECT_EQ(sh->sh_offset, 52u);
-        EXPECT_EQ(sh->sh_size, 10u);
-        EXPECT_EQ(sh->sh_addralign, 4u);
-    }
-    {
-        // Pieces: d_align 16 and 12 (need not be a power of two).
-        NewFile f;
-        Elf_Scn* s = f.section(1);
-        Elf_Data* a = f.piece(s, 10);
-        Elf_Data* b = f.piece(s, 10, 16);
-        Elf_Scn* t = f.section(1);
-        f.piece(t, 10);
-        Elf_Data* c = f.piece(t, 4, 12);
-        ASSERT_GT(tamo_elf_update(f.elf, ELF_C_NULL), 0);
-        EXPECT_EQ(a->d_off, 0);
-        EXPECT_EQ(b->d_off, 16);
-        EXPECT_EQ(tamo_elf32_getshdr(s)->sh_size, 26u);
-        EXPECT_EQ(c->d_off, 12);
-        EXPECT_EQ(tamo_elf32_getshdr(t)->sh_addralign, 12u);
-        EXPECT_EQ(tamo_elf32_getshdr(t)->sh_offset % 12, 0u);
-    }
-    {
-        // sh_name 0: no place whatever it holds; SHT_NOBITS takes no room.
-        NewFile f;
-        Elf_Scn* unnamed = f.section(0, SHT_PROGBITS, 8);
-        f.piece(unnamed, 40);
-        tamo_elf32_getshdr(unnamed)->sh_offset = 999;
-        Elf_Scn* bss = f.section(1, SHT_NOBITS, 4);
-        f.piece(bss, 100);
-        Elf_Scn* next = f.section(1);
-        f.piece(next, 3);
-        ASSERT_GT(tamo_elf_update(f.elf, ELF_C_NULL), 0);
-        const Elf32_Shdr* u = tamo_elf32_getshdr(unnamed);
-        EXPECT_EQ(u->sh_offset + u->sh_size + u->sh_addralign, 0u);
-        EXPECT_EQ(tamo_elf32_getshdr(bss)->sh_offset, 52u);
-        EXPECT_EQ(tamo_elf32_getshdr(bss)->sh_size, 100u);
-        EXPECT_EQ(tamo_elf32_getshdr(next)->sh_offset, 52u);
-        // Writing the unnamed section, placed at 0, cannot work.
-        EXPECT_EQ(tamo_elf_update(f.elf, ELF_C_WRITE), -1);
-        EXPECT_EQ(tamo_elf_errno(), 43);
-    }
+    // One file whose sections, in this order, show each rule of the layout.
+    NewFile f;
+    // sh_name 0: no place whatever it holds; SHT_NOBITS takes no room.
+    Elf_Scn* unnamed = f.section(0, SHT_PROGBITS, 8);
+    f.piece(unnamed, 40);
+    tamo_elf32_getshdr(unnamed)->sh_offset = 999;
+    Elf_Scn* bss = f.section(1, SHT_NOBITS, 4);
+    f.piece(bss, 100);
+    Elf_Scn* next = f.section(1);
+    f.piece(next, 3);
+    // Pieces: d_align 16 and 12 (need not be a power of two).
+    Elf_Scn* s = f.section(1);
+    Elf_Data* a = f.piece(s, 10);
+    Elf_Data* b = f.piece(s, 10, 16);
+    Elf_Scn* t = f.section(1);
+    f.piece(t, 10);
+    Elf_Data* c = f.piece(t, 4, 12);
+    // The section takes its pieces' alignment; the table follows on a word.
+    Elf_Scn* last = f.section(1);
+    f.piece(last, 10, 4);
+    ASSERT_EQ(tamo_elf_update(f.elf, ELF_C_NULL), 124 + 7 * 44);
+    const Elf32_Ehdr* h = tamo_elf32_getehdr(f.elf);
+    EXPECT_EQ((Words{h->e_ident[EI_CLASS], h->e_ident[EI_DATA], h->e_version, h->e_ehsize, h->e_shentsize, h->e_shnum,
+                     h->e_shoff}),
+              (Words{ELFCLASS32, ELFDATA2LSB, 1, 52, 44, 7, 124}));
+    EXPECT_EQ(placed(unnamed), (Words{0, 0, 0}));
+    EXPECT_EQ(placed(bss), (Words{52, 100, 4}));
+    EXPECT_EQ(placed(next), (Words{52, 3, 1}));
+    EXPECT_EQ(placed(s), (Words{64, 26, 16}));
+    EXPECT_EQ(placed(t), (Words{96, 16, 12}));
+    EXPECT_EQ(placed(last), (Words{112, 10, 4}));
+    EXPECT_EQ((std::vector<off_t>{a->d_off, b->d_off, c->d_off}), (std::vector<off_t>{0, 16, 12}));
+    // Writing the unnamed section, placed at 0, cannot work.
+    EXPECT_EQ(tamo_elf_update(f.elf, ELF_C_WRITE), -1);
+    EXPECT_EQ(tamo_elf_errno(), 43);
 }
 
 TEST(Layout, CallerLayout) {
-    struct Row {
-        uint32_t shSize;
-        off_t dOff;
-        size_t dSize;
-        int code;  // 0: layout passes
-    };
-    for (const Row& r : {Row{8, 0, 10, 30}, Row{10, 4, 8, 30}, Row{10, 2, 8, 0}, Row{10, -1, 1, 29}}) {
+    // A section at 100 with one piece: the piece must lie inside (30) at an
+    // offset that is not negative (29); the caller's offsets stand.
+    const std::tuple<uint32_t, off_t, size_t, int> rows[] = {
+        {8, 0, 10, 30}, {10, 4, 8, 30}, {10, 2, 8, 0}, {10, -1, 1, 29}};
+    for (const auto& [shSize, dOff, dSize, code] : rows) {
         NewFile f;
         tamo_elf_flagelf(f.elf, ELF_C_SET, ELF_F_LAYOUT);
-        Elf_Scn* s = f.section(1);
-        Elf32_Shdr* sh = tamo_elf32_getshdr(s);
-        sh->sh_offset = 100;
-        sh->sh_size = r.shSize;
-        Elf_Data* d = f.piece(s, r.dSize);
-        d->d_off = r.dOff;
+        Elf_Scn* s = f.section({1, SHT_PROGBITS, 0, 0, 100, shSize, 0, 0, 0, 0, 0});
+        Elf_Data* d = f.piece(s, dSize);
+        d->d_off = dOff;
         tamo_elf_errno();
-        const off_t got = tamo_elf_update(f.elf, ELF_C_NULL);
-        if (r.code) {
-            EXPECT_EQ(got, -1) << r.shSize << " " << r.dOff;
-            EXPECT_EQ(tamo_elf_errno(), r.code);
-        } else {
-            EXPECT_EQ(got, 112 + 88);
-            EXPECT_EQ(d->d_off, r.dOff) << "the caller's offsets stand";
-            EXPECT_EQ(sh->sh_offset, 100u);
-        }
+        EXPECT_EQ(tamo_elf_update(f.elf, ELF_C_NULL), code ? -1 : 112 + 88) << shSize << " " << dOff;
+        EXPECT_EQ(tamo_elf_errno(), code) << shSize << " " << dOff;
+        EXPECT_EQ(d->d_off, dOff);
+        EXPECT_EQ(tamo_elf32_getshdr(s)->sh_offset, 100u);
     }
-    // Sections ending at 301 put the table at 304; overlapping ones fail to
-    // write (43); gaps are not written.
-    NewFile f;
-    tamo_elf_flagelf(f.elf, ELF_C_SET, ELF_F_LAYOUT);
-    tamo_elf_fill(0xab);
-    Elf_Scn* a = f.section(1);
-    *tamo_elf32_getshdr(a) = Elf32_Shdr{1, SHT_PROGBITS, 0, 0, 200, 101, 0, 0, 1, 0, 0};
-    f.piece(a, 101);
-    ASSERT_EQ(tamo_elf_update(f.elf, ELF_C_NULL), 304 + 88);
-    EXPECT_EQ(tamo_elf32_getehdr(f.elf)->e_shoff, 304u);
-    ASSERT_EQ(tamo_elf_update(f.elf, ELF_C_WRITE), 304 + 88);
-    const Bytes out = fileBytes(f.file.fd());
-    EXPECT_EQ(out[100], 0) << "the gap before a caller's section is not written";
-    EXPECT_EQ(out[302], 0xab) << "the gap before the section table holds the fill byte";
-    Elf_Scn* b = f.section(1);
-    *tamo_elf32_getshdr(b) = Elf32_Shdr{1, SHT_PROGBITS, 0, 0, 250, 10, 0, 0, 1, 0, 0};
-    f.piece(b, 10);
-    EXPECT_EQ(tamo_elf_update(f.elf, ELF_C_WRITE), -1);
-    EXPECT_EQ(tamo_elf_errno(), 43);
-    tamo_elf_fill(0);
 }
 
-TEST(Layout, FillBytesInEveryGap) {
+TEST(Layout, FillBytesAndCallersGaps) {
     for (int fillValue : {0, 0x1ab}) {
         tamo_elf_fill(fillValue);
         NewFile f;
@@ -357,32 +246,32 @@ TEST(Layout, FillBytesInEveryGap) {
         f.piece(b, 3);     // 64..67
         f.piece(b, 2, 4);  // 68..70 after a gap of one byte
         ASSERT_EQ(tamo_elf_update(f.elf, ELF_C_WRITE), 72 + 3 * 44);
-        const Bytes out = fileBytes(f.file.fd());
+        const Bytes out = f.written();
         const uint8_t fill = static_cast<uint8_t>(fillValue);
         for (size_t at : {62u, 63u, 67u, 70u, 71u}) EXPECT_EQ(out.at(at), fill) << at;
-        EXPECT_EQ(out.at(64), 0x11);
-        EXPECT_EQ(out.at(69), 0x11);
-        // Written again under the caller's layout with section b moved on:
-        // the gap it leaves is not written, and shows nothing of the first
-        // image.
+        for (size_t at : {64u, 69u}) EXPECT_EQ(out.at(at), 0x11) << at;
+        // Written again under the caller's layout with section b moved to
+        // 80..86: the gap it leaves is not written and shows nothing of the
+        // first image; the gap up to the table, on the next word, is filled.
         tamo_elf_flagelf(f.elf, ELF_C_SET, ELF_F_LAYOUT | ELF_F_DIRTY);
         tamo_elf32_getshdr(b)->sh_offset = 80;
         ASSERT_EQ(tamo_elf_update(f.elf, ELF_C_WRITE), 88 + 3 * 44);
-        const Bytes moved = fileBytes(f.file.fd());
+        EXPECT_EQ(tamo_elf32_getehdr(f.elf)->e_shoff, 88u);
+        const Bytes moved = f.written();
         for (size_t at = 62; at < 80; ++at) EXPECT_EQ(moved.at(at), 0) << at;
+        for (size_t at : {86u, 87u}) EXPECT_EQ(moved.at(at), fill) << at;
+        // Overlapping sections cannot be written.
+        tamo_elf32_getshdr(b)->sh_offset = 60;
+        tamo_elf_flagelf(f.elf, ELF_C_SET, ELF_F_DIRTY);
+        EXPECT_EQ(tamo_elf_update(f.elf, ELF_C_WRITE), -1);
+        EXPECT_EQ(tamo_elf_errno(), 43);
     }
     tamo_elf_fill(0);
 }
 
 TEST(Layout, CodesOfUpdate) {
     initLibrary();
-    struct Row {
-        const char* what;
-        std::function<void(NewFile&)> prepare;
-        Elf_Cmd cmd;
-        int code;
-    };
-    const std::vector<Row> rows = {
+    const std::vector<std::tuple<const char*, std::function<void(NewFile&)>, Elf_Cmd, int>> rows = {
         {"encoding 3", [](NewFile& f) { tamo_elf32_getehdr(f.elf)->e_ident[EI_DATA] = 3; }, ELF_C_NULL, 24},
         {"version 2", [](NewFile& f) { tamo_elf32_getehdr(f.elf)->e_version = 2; }, ELF_C_NULL, 33},
         {"piece version 0", [](NewFile& f) { f.piece(f.section(1), 4)->d_version = 0; }, ELF_C_NULL, 29},
@@ -396,70 +285,63 @@ TEST(Layout, CodesOfUpdate) {
         {"unnamed section outside the image",
          [](NewFile& f) {
              tamo_elf_flagelf(f.elf, ELF_C_SET, ELF_F_LAYOUT);
-             Elf_Scn* s = f.section(0);
-             tamo_elf32_getshdr(s)->sh_offset = 4000;
-             f.piece(s, 8);
+             f.piece(f.section({0, SHT_PROGBITS, 0, 0, 4000, 0, 0, 0, 0, 0, 0}), 8);
          },
          ELF_C_WRITE, 35},
         {"after FDDONE", [](NewFile& f) { tamo_elf_cntl(f.elf, ELF_C_FDDONE); }, ELF_C_WRITE, 42},
         {"command 8", [](NewFile&) {}, static_cast<Elf_Cmd>(8), 65},
     };
+    for (const auto& [what, prepare, cmd, code] : rows) {
+        NewFile f;
+        prepare(f);
+        tamo_elf_errno();
+        EXPECT_EQ(tamo_elf_update(f.elf, cmd), -1) << what;
+        EXPECT_EQ(tamo_elf_errno(), code) << what;
+        EXPECT_EQ(f.written().size(), 0u) << what << ": nothing written";
+    }
     // An empty piece needs no bytes, in either byte order.
     for (unsigned char order : {ELFDATA2LSB, ELFDATA2MSB}) {
         NewFile f;
-        Elf_Scn* s = f.section(1, SHT_SYMTAB);
-        Elf_Data* d = f.piece(s, 0);
+        Elf_Data* d = f.piece(f.section(1, SHT_SYMTAB), 0);
         d->d_buf = nullptr;
         d->d_type = ELF_T_SYM;
         tamo_elf32_getehdr(f.elf)->e_ident[EI_DATA] = order;
         EXPECT_GT(tamo_elf_update(f.elf, ELF_C_WRITE), 0) << tamo_elf_errmsg(tamo_elf_errno());
     }
-    for (const Row& r : rows) {
-        NewFile f;
-        r.prepare(f);
-        tamo_elf_errno();
-        EXPECT_EQ(tamo_elf_update(f.elf, r.cmd), -1) << r.what;
-        EXPECT_EQ(tamo_elf_errno(), r.code) << r.what;
-        EXPECT_EQ(fileBytes(f.file.fd()).size(), 0u) << r.what << ": nothing written";
-    }
-    // No header (22); ELF_C_READ does nothing (0); a read-only descriptor
-    // cannot be written (61); an image cannot be laid out (9).
+    // No header (22); a read-only descriptor cannot be written (61); an
+    // image cannot be laid out (9); no descriptor (32).
     MemFile empty(Bytes{});
     Elf* bare = tamo_elf_begin(empty.fd(), ELF_C_WRITE, nullptr);
-    EXPECT_EQ(tamo_elf_update(bare, ELF_C_NULL), -1);
-    EXPECT_EQ(tamo_elf_errno(), 22);
-    EXPECT_EQ(tamo_elf_update(bare, ELF_C_READ), 0);
-    EXPECT_EQ(tamo_elf_newscn(bare), nullptr);
-    EXPECT_EQ(tamo_elf_errno(), 44);
-    tamo_elf_end(bare);
     const Bytes obj = memberObject(Order::Big, 1);
     Opened viaFile(obj, Access::File), viaImage(obj, Access::Image);
-    EXPECT_EQ(tamo_elf_update(viaFile.elf(), ELF_C_WRITE), -1);
-    EXPECT_EQ(tamo_elf_errno(), 61);
-    EXPECT_EQ(tamo_elf_update(viaImage.elf(), ELF_C_NULL), -1);
-    EXPECT_EQ(tamo_elf_errno(), 9);
+    const std::tuple<Elf*, Elf_Cmd, int> calls[] = {{bare, ELF_C_NULL, 22},
+                                                    {viaFile.elf(), ELF_C_WRITE, 61},
+                                                    {viaImage.elf(), ELF_C_NULL, 9},
+                                                    {nullptr, ELF_C_NULL, 32}};
+    for (const auto& [elf, cmd, code] : calls) {
+        EXPECT_EQ(tamo_elf_update(elf, cmd), -1) << code;
+        EXPECT_EQ(tamo_elf_errno(), code);
+    }
+    EXPECT_EQ(tamo_elf_update(bare, ELF_C_READ), 0) << "ELF_C_READ does nothing";
+    EXPECT_EQ(tamo_elf_newscn(bare), nullptr);
+    EXPECT_EQ(tamo_elf_errno(), 44);
     EXPECT_EQ(tamo_elf_newscn(viaImage.elf()), nullptr);
     EXPECT_EQ(tamo_elf_errno(), 20);
-    EXPECT_EQ(tamo_elf_update(nullptr, ELF_C_NULL), -1);
-    EXPECT_EQ(tamo_elf_errno(), 32);
+    tamo_elf_end(bare);
 }
 
 TEST(Layout, WriteFailuresMapErrno) {
     // A file id not open for writing (86), a full device (79), each with
     // the context "elf_update"; the descriptor stays dirty.
     initLibrary();
-    struct Row {
-        const char* path;
-        int flags;
-        int code;
-    };
-    for (const Row& r : {Row{"/dev/null", O_RDONLY, 86}, Row{"/dev/full", O_WRONLY, 79}}) {
-        const int fd = open(r.path, r.flags);
+    for (const auto& [path, flags, code] :
+         {std::tuple{"/dev/null", O_RDONLY, 86}, std::tuple{"/dev/full", O_WRONLY, 79}}) {
+        const int fd = open(path, flags);
         ASSERT_GE(fd, 0);
         Elf* elf = tamo_elf_begin(fd, ELF_C_WRITE, nullptr);
         tamo_elf32_newehdr(elf);
-        EXPECT_EQ(tamo_elf_update(elf, ELF_C_WRITE), -1) << r.path;
-        EXPECT_EQ(tamo_elf_errno(), r.code) << r.path;
+        EXPECT_EQ(tamo_elf_update(elf, ELF_C_WRITE), -1) << path;
+        EXPECT_EQ(tamo_elf_errno(), code) << path;
         EXPECT_STREQ(elf_lastmsg_poster(), "elf_update");
         EXPECT_EQ(tamo_elf_update(elf, ELF_C_WRITE), -1) << "still dirty: tried again";
         tamo_elf_end(elf);
