@@ -14,7 +14,7 @@ using Bytes = std::vector<unsigned char>;
 
 TEST(Leb128, WorkedValuesBothWays) {
     const struct {
-        long value;
+        long long value;  // wide enough for 2^32 - 1 in a 32-bit build
         Bytes sleb;  // empty: no signed row
         Bytes uleb;  // empty: no unsigned row
     } rows[] = {
@@ -28,17 +28,17 @@ TEST(Leb128, WorkedValuesBothWays) {
         {-65, {0xbf, 0x7f}, {}},
         {2147483647, {0xff, 0xff, 0xff, 0xff, 0x07}, {0xff, 0xff, 0xff, 0xff, 0x07}},
         {-2147483647L - 1, {0x80, 0x80, 0x80, 0x80, 0x78}, {}},
-        {4294967295L, {}, {0xff, 0xff, 0xff, 0xff, 0x0f}},
+        {4294967295LL, {}, {0xff, 0xff, 0xff, 0xff, 0x0f}},
     };
     for (const auto& r : rows) {
         // Encoders take values modulo 2^32: five bytes always suffice.
         unsigned char buf[6] = {0, 0, 0, 0, 0, 0xaa};
         if (!r.sleb.empty()) {
-            EXPECT_EQ(long_to_leb(r.value, buf), buf) << "returns the start";
+            EXPECT_EQ(long_to_leb(static_cast<long>(r.value), buf), buf) << "returns the start";
             EXPECT_EQ(Bytes(buf, buf + r.sleb.size()), r.sleb) << r.value;
             Bytes in = r.sleb;
             unsigned char* p = in.data();
-            EXPECT_EQ(leb_to_long(&p), r.value);
+            EXPECT_EQ(leb_to_long(&p), static_cast<long>(r.value));
             EXPECT_EQ(p, in.data() + in.size());
         }
         if (!r.uleb.empty()) {
