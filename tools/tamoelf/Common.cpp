@@ -127,19 +127,10 @@ std::string hex(uint64_t v, int width) {
     return buf;
 }
 
-uint32_t load32(const uint8_t* p, bool big) {
-    return big ? (uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3])
-               : (uint32_t{p[3]} << 24 | uint32_t{p[2]} << 16 | uint32_t{p[1]} << 8 | p[0]);
-}
-uint16_t load16(const uint8_t* p, bool big) {
-    return static_cast<uint16_t>(big ? (p[0] << 8 | p[1]) : (p[1] << 8 | p[0]));
-}
-void store32(uint8_t* p, uint32_t v, bool big) {
-    for (int i = 0; i < 4; ++i) p[big ? 3 - i : i] = static_cast<uint8_t>(v >> (8 * i));
-}
-void store16(uint8_t* p, uint16_t v, bool big) {
-    p[big ? 1 : 0] = static_cast<uint8_t>(v);
-    p[big ? 0 : 1] = static_cast<uint8_t>(v >> 8);
+std::string stringIn(const Bytes& table, uint32_t at) {
+    if (at >= table.size()) return "";
+    const auto* p = reinterpret_cast<const char*>(table.data() + at);
+    return std::string(p, strnlen(p, table.size() - at));
 }
 
 }  // namespace tool

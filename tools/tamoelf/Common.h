@@ -2,12 +2,12 @@
 // library's error state, and failures that end a command.
 #pragma once
 
-#include <bit>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Endian.h"
 #include "tamoelf.h"
 
 namespace tool {
@@ -15,7 +15,7 @@ namespace tool {
 using Bytes = std::vector<uint8_t>;
 
 // The order the library hands data out in: the host's.
-inline constexpr unsigned kHostOrder = std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
+inline constexpr unsigned kHostOrder = static_cast<unsigned>(tamo::kHostOrder);  // as EI_DATA
 
 // A failure that ends a command: printed as it is, exit status 1.
 class Failure : public std::runtime_error {
@@ -82,9 +82,14 @@ struct Descriptor {
 };
 
 std::string hex(uint64_t v, int width = 0);
-uint32_t load32(const uint8_t* p, bool big);
-uint16_t load16(const uint8_t* p, bool big);
-void store32(uint8_t* p, uint32_t v, bool big);
-void store16(uint8_t* p, uint16_t v, bool big);
+// The string at offset `at` of a string table, up to its NUL or the table's
+// end; empty past the end.
+std::string stringIn(const Bytes& table, uint32_t at);
+// Fields of either byte order, through the library's one place for them.
+inline tamo::ByteOrder orderOf(bool big) { return big ? tamo::ByteOrder::Big : tamo::ByteOrder::Little; }
+inline uint32_t load32(const uint8_t* p, bool big) { return tamo::load32(p, orderOf(big)); }
+inline uint16_t load16(const uint8_t* p, bool big) { return tamo::load16(p, orderOf(big)); }
+inline void store32(uint8_t* p, uint32_t v, bool big) { tamo::store32(p, v, orderOf(big)); }
+inline void store16(uint8_t* p, uint16_t v, bool big) { tamo::store16(p, v, orderOf(big)); }
 
 }  // namespace tool

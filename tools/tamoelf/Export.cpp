@@ -8,12 +8,6 @@ namespace tool {
 
 namespace {
 
-std::string stringIn(const Bytes& table, uint32_t at) {
-    if (at >= table.size()) return "";
-    const auto* p = reinterpret_cast<const char*>(table.data() + at);
-    return std::string(p, strnlen(p, table.size() - at));
-}
-
 }  // namespace
 
 Bytes exportObject(const Bytes& object, const std::string& name, bool dropExtra, Notes& notes) {

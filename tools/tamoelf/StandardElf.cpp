@@ -120,13 +120,7 @@ RawObject readRawObject(const Bytes& f, ObjectFormat format, const std::string& 
         throw Failure(name + ": section 0 holds extended numbering, which cannot be carried");
     if (h.e_shnum) {
         const Bytes& names = o.sections[h.e_shstrndx].bytes;
-        for (size_t i = 1; i < o.sections.size(); ++i) {
-            RawSection& s = o.sections[i];
-            const uint32_t at = s.header.sh_name;
-            if (at >= names.size()) continue;
-            const auto* p = reinterpret_cast<const char*>(names.data() + at);
-            s.name.assign(p, strnlen(p, names.size() - at));
-        }
+        for (size_t i = 1; i < o.sections.size(); ++i) o.sections[i].name = stringIn(names, o.sections[i].header.sh_name);
     }
     for (size_t i = 0; i < o.sections.size(); ++i) {
         const Elf32_Shdr& s = o.sections[i].header;
