@@ -288,12 +288,21 @@ TEST(Malformed, ClaimedSectionsCostNothingUntilAskedFor) {
 
 TEST(Malformed, EmptySectionsNeedNoBytes) {
     // A section of size 0 whose offset lies past the end of its input reads
-    // as an empty block, in a file, an image and an archive member.
+    // as an empty block, in a file, an image and an archive member; one
+    // whose offset is the end of an image lies in the image.
     for (Order order : {Order::Little, Order::Big}) {
-        ObjectBuilder b(order);
-        size_t empty = b.add({.name = ".empty", .type = SHT_PROGBITS, .forceOffset = 0x7ffffff0, .forceSize = 0});
-        size_t after = b.add({.name = ".hash", .type = SHT_HASH, .content = words({3})});
-        const Bytes file = b.build();
+        const size_t empty = 1, after = 2;
+        auto build = [order](int64_t offset) {  // the same size wherever the empty section points
+            ObjectBuilder b(order);
+            b.add({.name = ".empty", .type = SHT_PROGBITS, .forceOffset = offset, .forceSize = 0});
+            b.add({.name = ".hash", .type = SHT_HASH, .content = words({3})});
+            return b.build();
+        };
+        const Bytes file = build(0x7ffffff0), ending = build(static_cast<int64_t>(file.size()));
+        Opened atEnd(ending, Access::Image);
+        Elf_Data* d = tamo_elf_getdata(atEnd.scn(empty), nullptr);
+        ASSERT_NE(d, nullptr);
+        EXPECT_EQ(d->d_buf, atEnd.image()->data() + ending.size());
         auto check = [&](Elf* elf, const char* how) {
             SCOPED_TRACE(how);
             Elf_Scn* scn = tamo_elf_getscn(elf, empty);
