@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -25,24 +24,8 @@ using namespace testkit;
 
 namespace {
 
-const char* const kSources[] = {
-    R"(struct point { int x, y; };
-struct shape { struct point corner[4]; const char *name; union { int i; float f; } u; };
-enum colour { RED, GREEN = 5, BLUE };
-static int counter = 3;
-int area(const struct shape *s) {
-    int w = s->corner[1].x - s->corner[0].x;
-    { int h = s->corner[2].y - s->corner[0].y; counter += h; return w * h; }
-})",
-    R"(extern int printf(const char *, ...);
-double table[16];
-long long big = 0x1122334455667788LL;
-static const char *names[] = { "alpha", "beta", "gamma" };
-int main(int argc, char **argv) {
-    for (int i = 0; i < argc && i < 3; ++i) printf("%s %s\n", names[i], argv[i]);
-    return (int)table[argc & 15];
-})",
-};
+// The sources compiled, in tests/data.
+const char* const kSources[] = {"real_shapes.c", "real_main.c"};
 
 // The capture groups of every line of a command's output that the pattern
 // matches (groups that took no part are empty).
@@ -104,8 +87,7 @@ protected:
     }
     // Source i compiled for target: the object's path, or empty.
     std::string compile(int i, const char* target, const char* debug) {
-        const std::string src = dir.path("src" + std::to_string(i) + ".c");
-        std::ofstream(src) << kSources[i];
+        const std::string src = std::string(TAMO_TEST_DATA "/") + kSources[i];
         const std::string obj = dir.path(std::string("o") + std::to_string(i) + "-" + target + debug + ".o");
         const std::string options = std::string(" --target=") + target + " -fno-addrsig -O1 " + debug;
         int st = 0;
