@@ -77,7 +77,7 @@ int DataDesc::initialize() {
         const bool whileReading = p.status > 0 && !p.dwarf && type != ELF_T_BYTE;
         const int64_t from = m_readFrom;
         m_readFrom = -1;
-        auto convert = [](uint8_t* chunk, size_t n, void* plan) {
+        auto convert = [](uint8_t* chunk, size_t n, const void* plan) {
             const SwapPlan& sp = *static_cast<const SwapPlan*>(plan);
             char* c = reinterpret_cast<char*>(chunk);
             ByteSwap::swapBlock(c, c, sp.type, n / unitSize(sp.type), sp.srcNative);
@@ -85,7 +85,7 @@ int DataDesc::initialize() {
         // Chunks are whole records, so a partial record at the end stays as
         // it is, as p.count says.
         if (!readSection(elf->fd(), from, static_cast<uint8_t*>(m_data.d_buf), m_data.d_size, unitSize(type),
-                         whileReading ? +convert : nullptr, const_cast<SwapPlan*>(&p)))
+                         whileReading ? +convert : nullptr, &p))
             return -1;
         converted = whileReading;
     }

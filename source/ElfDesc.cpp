@@ -232,16 +232,17 @@ int Elf::init_ScnTab() {
 }
 
 Elf32_Shdr* Elf::get_shdr(size_t index) const {
-    if (index < m_nHeldShdrs) return &m_fileShdrs[index];
-    if (index < m_nFileShdrs) {
+    if (index >= m_nHeldShdrs && index < m_nFileShdrs) {
+        // A record the file claims but does not hold: made (zeroed) now,
+        // since the caller may change it.
         try {
-            return &m_madeShdrs.try_emplace(index).first->second;  // zeroed
+            return &m_madeShdrs.try_emplace(index).first->second;
         } catch (const std::bad_alloc&) {
             SETERR(ERR_NOMEM);
             return nullptr;
         }
     }
-    if (index < shdrCount()) return const_cast<Elf32_Shdr*>(&m_newShdrs[index - m_nFileShdrs]);
+    if (const Elf32_Shdr* sh = peekShdr(index)) return const_cast<Elf32_Shdr*>(sh);
     SETERR(ERR_NO_SUCH_SCN);
     return nullptr;
 }

@@ -136,8 +136,8 @@ ssize_t readFully(int fd, void* buf, size_t n) { return readLoop(fd, buf, n, -1)
 
 ssize_t preadFully(int fd, void* buf, size_t n, int64_t off) { return off < 0 ? -1 : readLoop(fd, buf, n, off); }
 
-bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit, void (*convert)(uint8_t*, size_t, void*),
-                 void* context) {
+bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit, void (*convert)(uint8_t*, size_t, const void*),
+                 const void* context) {
     if (!seekSet(fd, at, "Elf_Scn::initialize")) return false;
     // Chunks small enough to stay in the second-level cache between the read
     // and the conversion.

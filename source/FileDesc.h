@@ -69,6 +69,6 @@ ssize_t preadFully(int fd, void* buf, size_t n, int64_t off);
 // each chunk is handed to it (pointer, length) while still in cache, right
 // after it was read; chunks are a whole number of `unit` bytes.
 bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit = 1,
-                 void (*convert)(uint8_t*, size_t, void*) = nullptr, void* context = nullptr);
+                 void (*convert)(uint8_t*, size_t, const void*) = nullptr, const void* context = nullptr);
 
 }  // namespace tamo

@@ -6,10 +6,6 @@
 
 namespace tool {
 
-namespace {
-
-}  // namespace
-
 Bytes exportObject(const Bytes& object, const std::string& name, bool dropExtra, Notes& notes) {
     RawObject o = readRawObject(object, ObjectFormat::Tamo, name);
     size_t dropped = 0;
