@@ -164,71 +164,47 @@ public:
     uint32_t offsetOf(size_t i) const { return m_offsets.at(i); }
 
     Bytes build() {
-        // Section-name table: empty string, then every name.
+        // The section-name table (every name, then its own) comes last.
+        std::vector<Section> all = m_sections;
+        all.push_back({.name = ".shstrtab", .type = SHT_STRTAB});
         std::string names(1, '\0');
         std::vector<uint32_t> nameOff;
-        for (const Section& s : m_sections) {
+        for (const Section& s : all) {
             nameOff.push_back(static_cast<uint32_t>(names.size()));
-            names += s.name;
-            names += '\0';
+            names += s.name + '\0';
         }
-        const uint32_t shstrName = static_cast<uint32_t>(names.size());
-        names += ".shstrtab";
-        names += '\0';
-        Section shstr;
-        shstr.name = ".shstrtab";
-        shstr.type = SHT_STRTAB;
-        shstr.content = raw(names);
-        std::vector<Section> all = m_sections;
-        all.push_back(shstr);
-        nameOff.push_back(shstrName);
+        all.back().content = raw(names);
 
-        Bytes out(52, 0);
+        Bytes out(52, 0), table(shentsize, 0);  // the table starts with the null section's record
         m_offsets.assign(all.size() + 1, 0);
-        std::vector<uint32_t> sizes(all.size() + 1, 0);
         for (size_t i = 0; i < all.size(); ++i) {
             const Section& s = all[i];
-            Bytes body = encode(s.content, m_order);
-            uint32_t off;
+            const Bytes body = encode(s.content, m_order);
+            uint32_t& off = m_offsets[i + 1];
             if (s.forceOffset >= 0) {
                 off = static_cast<uint32_t>(s.forceOffset);
             } else {
-                const uint32_t a = s.align > 1 ? s.align : 1;
-                while (out.size() % a) out.push_back(0);
+                while (out.size() % std::max(s.align, 1u)) out.push_back(0);
                 off = static_cast<uint32_t>(out.size());
                 if (s.type != SHT_NOBITS) out.insert(out.end(), body.begin(), body.end());
             }
-            m_offsets[i + 1] = off;
-            sizes[i + 1] = s.forceSize >= 0 ? static_cast<uint32_t>(s.forceSize) : static_cast<uint32_t>(body.size());
-        }
-        while (out.size() % 4) out.push_back(0);
-        const uint32_t shoff = shoffOverride >= 0 ? static_cast<uint32_t>(shoffOverride) : static_cast<uint32_t>(out.size());
-        const size_t n = all.size() + 1;
-
-        Bytes table;
-        for (size_t i = 0; i < n; ++i) {
-            Fields f;
-            if (i == 0) {
-                f = words({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-            } else {
-                const Section& s = all[i - 1];
-                f = words({nameOff[i - 1], s.type, s.flags, s.addr, m_offsets[i], sizes[i], s.link, s.info, s.align,
-                           s.entsize, s.extra});
-            }
-            Bytes rec = encode(f, m_order);
-            rec.resize(shentsize < 44 ? shentsize : 44);
-            while (rec.size() < shentsize) rec.push_back(0);
+            const auto size = static_cast<uint32_t>(s.forceSize >= 0 ? s.forceSize : static_cast<int64_t>(body.size()));
+            Bytes rec = encode(words({nameOff[i], s.type, s.flags, s.addr, off, size, s.link, s.info, s.align,
+                                      s.entsize, s.extra}),
+                               m_order);
+            rec.resize(shentsize);  // 40 keeps a standard ELF32 record; more is zero
             table.insert(table.end(), rec.begin(), rec.end());
         }
+        while (out.size() % 4) out.push_back(0);
+        const auto shoff = static_cast<uint32_t>(shoffOverride >= 0 ? shoffOverride : static_cast<int64_t>(out.size()));
         if (shoffOverride < 0) out.insert(out.end(), table.begin(), table.end());
 
-        Bytes hdr = {0x7f, 'E', 'L', 'F', 1,
-                     static_cast<uint8_t>(identData ? identData : static_cast<uint8_t>(m_order)), 1, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-        const uint16_t shnum = shnumOverride >= 0 ? static_cast<uint16_t>(shnumOverride) : static_cast<uint16_t>(n);
-        Fields h = {{2, type},   {2, machine}, {4, version}, {4, entry},     {4, 0},     {4, shoff},
-                    {4, flags},  {2, 52},      {2, 0},       {2, 0},         {2, shentsize}, {2, shnum},
-                    {2, static_cast<uint64_t>(all.size())}};
-        Bytes rest = encode(h, m_order);
+        const uint64_t shnum = shnumOverride >= 0 ? static_cast<uint64_t>(shnumOverride) : all.size() + 1;
+        const uint8_t data = identData ? identData : static_cast<uint8_t>(m_order);
+        Bytes hdr = {0x7f, 'E', 'L', 'F', 1, data, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+        const Bytes rest = encode({{2, type}, {2, machine}, {4, version}, {4, entry}, {4, 0}, {4, shoff}, {4, flags},
+                                   {2, 52}, {2, 0}, {2, 0}, {2, shentsize}, {2, shnum}, {2, all.size()}},
+                                  m_order);
         hdr.insert(hdr.end(), rest.begin(), rest.end());
         std::copy(hdr.begin(), hdr.end(), out.begin());
         return out;
