@@ -17,19 +17,20 @@
 
 using namespace tamo;
 
-DataDesc::DataDesc(Elf_Scn* owner)
+DataDesc::DataDesc(Elf_Scn* owner, bool kept)
     : m_data{},
       m_lMagicNum(DAT_MAGIC_NUM),
-      m_pScn(owner),
       m_bDirty(0),
+      m_bInImage(false),
+      m_bKept(kept),
+      m_pScn(owner),
       m_pPlaced(nullptr),
-      m_readable(0),
-      m_bInImage(false) {
-    Registry::add(HandleClass::Data, this);
+      m_readable(0) {
+    if (!kept) Registry::add(HandleClass::Data, this);
 }
 
 DataDesc::~DataDesc() {
-    Registry::remove(HandleClass::Data, this);
+    if (!m_bKept) Registry::remove(HandleClass::Data, this);
     m_lMagicNum = 0;
 }
 

@@ -25,8 +25,10 @@ class DataDesc {
 public:
     Elf_Data m_data;  // must stay the first member
     uint32_t m_lMagicNum;
-    Elf_Scn* m_pScn;
     int m_bDirty;
+    bool m_bInImage;  // m_pPlaced lies in a memory image
+    bool m_bKept;     // kept inside its section descriptor, not registered
+    Elf_Scn* m_pScn;
 
     // Where the library placed this piece's bytes: a buffer it allocated (with
     // a NUL byte after d_size) or a range of a memory image. m_pPlaced is null
@@ -34,12 +36,12 @@ public:
     // from m_pPlaced (to the end of the image, or d_size + 1).
     uint8_t* m_pPlaced;
     size_t m_readable;
-    bool m_bInImage;
     // File offset of placed bytes initialize() still has to read; -1 when
     // they are there.
     int64_t m_readFrom = -1;
+    DataDesc* m_pNext = nullptr;  // the section's next data descriptor
 
-    explicit DataDesc(Elf_Scn* owner);
+    explicit DataDesc(Elf_Scn* owner, bool kept = false);
     ~DataDesc();
     DataDesc(const DataDesc&) = delete;
     DataDesc& operator=(const DataDesc&) = delete;

@@ -274,11 +274,15 @@ Elf_Scn* Elf::get_scn(size_t index) {
     return makeScn(index);
 }
 
+void Elf::ScnRelease::operator()(Elf_Scn* scn) const noexcept {
+    scn->m_pElf->m_scnPool.release(scn);
+}
+
 Elf_Scn* Elf::makeScn(size_t index) {
     // Slots are made up to the highest index asked for, not for every
     // section a header claims.
     if (index >= m_vScns.size()) m_vScns.resize(index + 1);
-    m_vScns[index] = std::make_unique<Elf_Scn>(this, static_cast<uint16_t>(index));
+    m_vScns[index].reset(m_scnPool.make(this, static_cast<uint16_t>(index)));
     Elf_Scn* scn = m_vScns[index].get();
     int r;
     try {

@@ -12,6 +12,7 @@
 #include "ByteSwap.h"
 #include "FileDesc.h"
 #include "MemBlock.h"
+#include "SlabPool.h"
 #include "tamoelf.h"
 
 class ArDesc;
@@ -170,8 +171,13 @@ private:
     std::deque<Elf32_Shdr> m_newShdrs;
 
     // Section descriptors by index: lookup is constant time, and walking the
-    // vector gives index order.
-    std::vector<std::unique_ptr<Elf_Scn>> m_vScns;
+    // vector gives index order. Their storage comes from the pool (declared
+    // first, so it outlives them).
+    struct ScnRelease {
+        void operator()(Elf_Scn* scn) const noexcept;
+    };
+    tamo::SlabPool<Elf_Scn> m_scnPool;
+    std::vector<std::unique_ptr<Elf_Scn, ScnRelease>> m_vScns;
 
     std::vector<ImageUndo> m_undo;
     uint64_t m_placedBytes = 0;

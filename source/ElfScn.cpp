@@ -1,5 +1,6 @@
 #include "ElfScn.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -11,7 +12,7 @@
 
 using namespace tamo;
 
-Elf_Scn::Elf_Scn(Elf* owner, uint16_t index) : m_lMagicNum(SCN_MAGIC_NUM), m_pElf(owner), m_index(index) {
+Elf_Scn::Elf_Scn(Elf* owner, uint16_t index) : m_lMagicNum(SCN_MAGIC_NUM), m_index(index), m_pElf(owner) {
     Registry::add(HandleClass::Scn, this);
 }
 
@@ -23,6 +24,49 @@ Elf_Scn::~Elf_Scn() {
 
 void Elf_Scn::destroy() {
     m_vData.clear();
+}
+
+DataDesc* DataList::make(Elf_Scn* owner) {
+    if (m_kept) return new DataDesc(owner);
+    auto* d = ::new (static_cast<void*>(m_store)) DataDesc(owner, /*kept=*/true);
+    m_kept = true;
+    return d;
+}
+
+void DataList::link(DataDesc* d) {
+    (m_tail ? m_tail->m_pNext : m_head) = d;
+    m_tail = d;
+}
+
+void DataList::drop(DataDesc* d) {
+    if (d == kept()) {
+        d->~DataDesc();
+        m_kept = false;
+    } else {
+        delete d;
+    }
+}
+
+void DataList::clear() {
+    for (DataDesc* d = m_head; d;) {
+        DataDesc* next = d->m_pNext;
+        drop(d);
+        d = next;
+    }
+    m_head = m_tail = nullptr;
+    if (m_kept) drop(reinterpret_cast<DataDesc*>(m_store));  // made but never linked
+}
+
+size_t DataList::keptOffset() { return offsetof(Elf_Scn, m_vData) + offsetof(DataList, m_store); }
+
+bool Elf_Scn::liveData(const void* p) noexcept {
+    if (Registry::live(HandleClass::Data, p)) return true;
+    // A kept descriptor lies at a fixed distance after its section
+    // descriptor, which the registry knows.
+    const uintptr_t at = reinterpret_cast<uintptr_t>(p);
+    if (at < DataList::keptOffset()) return false;
+    const auto* scn = reinterpret_cast<const Elf_Scn*>(at - DataList::keptOffset());
+    return Registry::live(HandleClass::Scn, scn) && scn->m_vData.kept() == p;
 }
 
 bool Elf_Scn::charge(uint64_t n) {
@@ -169,17 +213,19 @@ int Elf_Scn::initialize() {
         }
     }
 
-    auto data = std::make_unique<DataDesc>(this);
+    DataDesc* data = m_vData.make(this);
     data->m_data.d_buf = bytes;
     data->m_pPlaced = bytes;
     data->m_readable = readable;
     data->m_bInImage = inImage;
     data->m_readFrom = readFrom;
-    m_vData.reserve(1);
     const int r = data->initialize();
     sh->sh_type = storedType;
-    if (r < 0) return -1;
-    m_vData.push_back(std::move(data));
+    if (r < 0) {
+        m_vData.drop(data);
+        return -1;
+    }
+    m_vData.link(data);
     return 0;
 }
 
@@ -188,9 +234,9 @@ DataDesc* Elf_Scn::get_data(const DataDesc* prev) const {
         SETERR(ERR_GETDATA_EMPTY);
         return nullptr;
     }
-    if (!prev) return m_vData.front().get();
-    for (size_t i = 0; i + 1 < m_vData.size(); ++i)
-        if (m_vData[i].get() == prev) return m_vData[i + 1].get();
+    if (!prev) return m_vData.front();
+    // A live descriptor of this section is in its list.
+    if (prev->m_pScn == this && prev->m_pNext) return prev->m_pNext;
     SETERR(ERR_NO_DATA_AT_OFFSET);
     return nullptr;
 }
@@ -200,12 +246,15 @@ DataDesc* Elf_Scn::new_data() {
         SETERR(ERR_WRITE_ARCHIVE);
         return nullptr;
     }
-    auto data = std::make_unique<DataDesc>(this);
-    if (data->initialize() < 0) return nullptr;
+    DataDesc* data = m_vData.make(this);
+    if (data->initialize() < 0) {
+        m_vData.drop(data);
+        return nullptr;
+    }
     data->m_data.d_type = ELF_T_BYTE;
     data->m_data.d_align = 1;
     data->m_data.d_version = EV_CURRENT;
-    m_vData.push_back(std::move(data));
+    m_vData.link(data);
     m_bDirty = TRUEVAL;
-    return m_vData.back().get();
+    return data;
 }

@@ -33,7 +33,7 @@ inline bool validScn(const Elf_Scn* s) {
     return Registry::live(HandleClass::Scn, s) && s->m_lMagicNum == SCN_MAGIC_NUM;
 }
 inline bool validData(const Elf_Data* d) {
-    return Registry::live(HandleClass::Data, d) && DataDesc::of(const_cast<Elf_Data*>(d))->m_lMagicNum == DAT_MAGIC_NUM;
+    return Elf_Scn::liveData(d) && DataDesc::of(const_cast<Elf_Data*>(d))->m_lMagicNum == DAT_MAGIC_NUM;
 }
 
 // Null gives 32, anything but a valid descriptor of its class `code`
@@ -60,7 +60,7 @@ inline DataDesc* checkData(Elf_Data* d) {
 // pointer that is not a live descriptor.
 inline bool liveElf(const Elf* e) { return Registry::live(HandleClass::Elf, e); }
 inline bool liveScn(const Elf_Scn* s) { return Registry::live(HandleClass::Scn, s); }
-inline bool liveData(const Elf_Data* d) { return Registry::live(HandleClass::Data, d); }
+inline bool liveData(const Elf_Data* d) { return Elf_Scn::liveData(d); }
 
 // Owns a descriptor being made until it is handed to the caller.
 class ElfGuard {

@@ -176,6 +176,24 @@ Words placed(Elf_Scn* s) {
     return {sh->sh_offset, sh->sh_size, sh->sh_addralign};
 }
 
+TEST(Pieces, WalkedInTheOrderAddedAndCheckedAsHandles) {
+    // A section's first piece lives inside its descriptor, later ones
+    // apart: the walk and the handle checks treat them alike.
+    NewFile f;
+    Elf_Scn* a = f.section(0);
+    const std::vector<Elf_Data*> pieces{f.piece(a, 4), f.piece(a, 4), f.piece(a, 4)};
+    Elf_Scn* b = f.section(0);
+    Elf_Data* other = f.piece(b, 4);  // not the last of its section
+    f.piece(b, 4);
+    Elf_Data* d = nullptr;
+    for (Elf_Data* expected : pieces) EXPECT_EQ(d = tamo_elf_getdata(a, d), expected);
+    EXPECT_EQ(codeOf(tamo_elf_getdata(a, d), nullptr), 37);
+    EXPECT_EQ(codeOf(tamo_elf_getdata(a, other), nullptr), 37);
+    for (Elf_Data* p : {pieces[0], pieces[2], other}) EXPECT_EQ(tamo_elf_flagdata(p, ELF_C_SET, ELF_F_DIRTY), ELF_F_DIRTY);
+    for (void* near : {static_cast<void*>(reinterpret_cast<char*>(pieces[0]) + 8), static_cast<void*>(a)})
+        EXPECT_EQ(codeOf(tamo_elf_getdata(a, static_cast<Elf_Data*>(near)), nullptr), 72);
+}
+
 TEST(Layout, LibraryLayoutExamples) {
     // One file whose sections, in this order, show each rule of the layout.
     NewFile f;
