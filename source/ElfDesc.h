@@ -141,6 +141,12 @@ public:
     void recordImageConversion(uint8_t* p, size_t len, Elf_Type type, size_t count,
                                std::unique_ptr<uint8_t[]> original);
     bool reserveImageUndo();
+    // Conversions from a copy still running (the DWARF converter can convert
+    // other sections while it runs). Records are undone last first; an undo
+    // by converting again is only right when nothing recorded before it
+    // changes its bytes afterwards, so conversions made meanwhile keep a copy
+    // too.
+    int m_copyConversionsRunning = 0;
 
 private:
     struct ImageUndo {
