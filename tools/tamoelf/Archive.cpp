@@ -258,10 +258,17 @@ GnuArchive parseGnuArchive(const Bytes& f, const std::string& name) {
         m.hasPad = (m.size & 1) && m.dataOffset + m.size < f.size();
         if (m.hasPad) m.pad = f[m.dataOffset + m.size];
         // This format's header: the name and a '/' in the 16-byte field,
-        // then GNU's 44 bytes as they are.
+        // then GNU's 44 bytes as they are, except that the date starts at
+        // the field's first byte (left-aligned, "0" when blank): spaces there
+        // would read as more of the name field, whose length varies here.
         std::string nameField = m.name + "/";
         nameField.resize(16, ' ');
         std::memcpy(m.header.data(), nameField.data(), 16);
+        if (m.header[16] == ' ') {
+            std::string date = trimmed(h + 16, 12);
+            date.erase(0, date.find_first_not_of(' '));
+            std::memcpy(m.header.data() + 16, paddedField(date.empty() ? "0" : date, 12).data(), 12);
+        }
         g.layout.members.push_back(std::move(m));
     }
 
