@@ -2,7 +2,7 @@
 # Builds the fuzz targets with ASan+UBSan, writes the seed corpora, and runs
 # each target for the given number of seconds, FUZZ_JOBS (default 2) at a time,
 # starting from the minimised corpus kept in fuzz/corpus and the seeds.
-# Usage: fuzz/run.sh SECONDS [TARGET...]   (targets: image fd archive write rdwr dwarf interop)
+# Usage: [FUZZ_JOBS=N] [FUZZ_BUILD=0] fuzz/run.sh SECONDS [TARGET...]   (targets: image fd archive write rdwr dwarf interop)
 # fuzz/minimise.sh folds what a run found back into fuzz/corpus.
 set -eu
 cd "$(dirname "$0")/.."
@@ -11,9 +11,12 @@ shift || true
 targets=${*:-"image fd archive write rdwr dwarf interop"}
 parallel=${FUZZ_JOBS:-2}
 build=build/fuzz
-CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMO_SANITIZE=ON -DTAMO_BUILD_FUZZ=ON \
-    -DBUILD_TESTING=OFF -DTAMO_BUILD_BENCH=OFF -DTAMO_BUILD_TOOLS=ON >/dev/null
-cmake --build "$build" -j"$(nproc)" --target make_corpus $(for t in $targets; do printf 'fuzz_%s ' "$t"; done) >/dev/null
+# FUZZ_BUILD=0 runs the targets as last built (a long campaign beside work on the sources).
+if [ "${FUZZ_BUILD:-1}" != 0 ]; then
+    CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMO_SANITIZE=ON -DTAMO_BUILD_FUZZ=ON \
+        -DBUILD_TESTING=OFF -DTAMO_BUILD_BENCH=OFF -DTAMO_BUILD_TOOLS=ON >/dev/null
+    cmake --build "$build" -j"$(nproc)" --target make_corpus $(for t in $targets; do printf 'fuzz_%s ' "$t"; done) >/dev/null
+fi
 # Compiler objects of both byte orders, DWARF 2 to 5 with every section the
 # walkers know, seed the DWARF and interoperation targets.
 objects="$build/objects"
