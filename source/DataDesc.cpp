@@ -98,22 +98,18 @@ int DataDesc::initialize() {
         } else if (elf->reserveImageUndo()) {
             // Bytes inside a caller's image must come back exactly when the
             // descriptor ends, undone in the reverse order of their changes.
-            if (p.dwarf || !ByteSwap::isInvolution(type) || elf->m_copyConversionsRunning > 0) {
-                // Conversions that are not their own inverse restore a copy,
-                // and so do those made while such a conversion runs. The
-                // copy is recorded before converting: the DWARF converter
-                // can convert other sections (over the same bytes, even)
-                // while it runs, and those must be undone before this copy
-                // is put back.
+            if (elf->undoByCopy(p.dwarf, type)) {
+                // The copy is recorded before converting: what the DWARF
+                // converter converts meanwhile must be undone before this
+                // copy is put back.
                 std::unique_ptr<uint8_t[]> original(new (std::nothrow) uint8_t[m_data.d_size ? m_data.d_size : 1]);
                 if (!original) {
                     SETERR(ERR_NOMEM);
                 } else {
                     std::memcpy(original.get(), buf, m_data.d_size);
                     elf->recordImageConversion(bytes, m_data.d_size, type, p.count, std::move(original));
-                    ++elf->m_copyConversionsRunning;
+                    const Elf::CopyConversion running(*elf);
                     execute(p, buf, buf);
-                    --elf->m_copyConversionsRunning;
                 }
             } else if (execute(p, buf, buf) > 0) {
                 elf->recordImageConversion(bytes, m_data.d_size, type, p.count, nullptr);

@@ -141,14 +141,30 @@ public:
     void recordImageConversion(uint8_t* p, size_t len, Elf_Type type, size_t count,
                                std::unique_ptr<uint8_t[]> original);
     bool reserveImageUndo();
-    // Conversions from a copy still running (the DWARF converter can convert
-    // other sections while it runs). Records are undone last first; an undo
-    // by converting again is only right when nothing recorded before it
-    // changes its bytes afterwards, so conversions made meanwhile keep a copy
-    // too.
-    int m_copyConversionsRunning = 0;
+    // Whether a conversion in the image is undone from a copy of its bytes
+    // rather than by converting again. Records are undone last first, and
+    // converting again is only right when nothing recorded before it changes
+    // its bytes afterwards: DWARF and other conversions that are not their
+    // own inverse keep a copy, and so does every conversion made while one
+    // of those runs (the DWARF converter can convert other sections, over
+    // the same bytes even, while it runs).
+    bool undoByCopy(bool dwarf, Elf_Type type) const {
+        return dwarf || !isInvolution(type) || m_copyConversionsRunning > 0;
+    }
+    // Marks a conversion undone from a copy as running while it lives.
+    class CopyConversion {
+    public:
+        explicit CopyConversion(Elf& elf) : m_elf(elf) { ++m_elf.m_copyConversionsRunning; }
+        ~CopyConversion() { --m_elf.m_copyConversionsRunning; }
+        CopyConversion(const CopyConversion&) = delete;
+        CopyConversion& operator=(const CopyConversion&) = delete;
+
+    private:
+        Elf& m_elf;
+    };
 
 private:
+    int m_copyConversionsRunning = 0;
     struct ImageUndo {
         uint8_t* at;
         size_t len;

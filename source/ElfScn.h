@@ -33,7 +33,6 @@ public:
 
     bool empty() const { return !m_head; }
     DataDesc* front() const { return m_head; }
-    DataDesc* back() const { return m_tail; }
     // The descriptor kept inside, if one is made, and where it lies.
     const DataDesc* kept() const { return m_kept ? reinterpret_cast<const DataDesc*>(m_store) : nullptr; }
     static size_t keptOffset();
