@@ -12,13 +12,10 @@
 
 using namespace tamo;
 
-Elf_Scn::Elf_Scn(Elf* owner, uint16_t index) : m_lMagicNum(SCN_MAGIC_NUM), m_index(index), m_pElf(owner) {
-    Registry::add(HandleClass::Scn, this);
-}
+Elf_Scn::Elf_Scn(Elf* owner, uint16_t index) : m_lMagicNum(SCN_MAGIC_NUM), m_index(index), m_pElf(owner) {}
 
 Elf_Scn::~Elf_Scn() {
     destroy();
-    Registry::remove(HandleClass::Scn, this);
     m_lMagicNum = 0;
 }
 
@@ -60,13 +57,14 @@ void DataList::clear() {
 size_t DataList::keptOffset() { return offsetof(Elf_Scn, m_vData) + offsetof(DataList, m_store); }
 
 bool Elf_Scn::liveData(const void* p) noexcept {
-    if (Registry::live(HandleClass::Data, p)) return true;
     // A kept descriptor lies at a fixed distance after its section
-    // descriptor, which the registry knows.
+    // descriptor, which the pool knows; the others are registered.
     const uintptr_t at = reinterpret_cast<uintptr_t>(p);
-    if (at < DataList::keptOffset()) return false;
-    const auto* scn = reinterpret_cast<const Elf_Scn*>(at - DataList::keptOffset());
-    return Registry::live(HandleClass::Scn, scn) && scn->m_vData.kept() == p;
+    if (at >= DataList::keptOffset()) {
+        const auto* scn = reinterpret_cast<const Elf_Scn*>(at - DataList::keptOffset());
+        if (SlabPool<Elf_Scn>::live(scn) && scn->m_vData.kept() == p) return true;
+    }
+    return Registry::live(HandleClass::Data, p);
 }
 
 bool Elf_Scn::charge(uint64_t n) {

@@ -30,7 +30,7 @@ R guarded(R failure, F&& body) noexcept {
 // A live descriptor of its class whose stamp is intact.
 inline bool validElf(const Elf* e) { return Registry::live(HandleClass::Elf, e) && e->m_lMagicNum == ELF_MAGIC_NUM; }
 inline bool validScn(const Elf_Scn* s) {
-    return Registry::live(HandleClass::Scn, s) && s->m_lMagicNum == SCN_MAGIC_NUM;
+    return SlabPool<Elf_Scn>::live(s) && s->m_lMagicNum == SCN_MAGIC_NUM;
 }
 inline bool validData(const Elf_Data* d) {
     return Elf_Scn::liveData(d) && DataDesc::of(const_cast<Elf_Data*>(d))->m_lMagicNum == DAT_MAGIC_NUM;
@@ -59,7 +59,7 @@ inline DataDesc* checkData(Elf_Data* d) {
 // Entries that take a descriptor without checking its stamp still refuse a
 // pointer that is not a live descriptor.
 inline bool liveElf(const Elf* e) { return Registry::live(HandleClass::Elf, e); }
-inline bool liveScn(const Elf_Scn* s) { return Registry::live(HandleClass::Scn, s); }
+inline bool liveScn(const Elf_Scn* s) { return SlabPool<Elf_Scn>::live(s); }
 inline bool liveData(const Elf_Data* d) { return Elf_Scn::liveData(d); }
 
 // Owns a descriptor being made until it is handed to the caller.

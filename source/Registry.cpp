@@ -77,7 +77,7 @@ private:
 PointerSet& set(HandleClass c) {
     // Function-local so that descriptors made during static initialisation
     // of a client still find it constructed.
-    static PointerSet sets[3];
+    static PointerSet sets[2];  // by HandleClass
     return sets[static_cast<int>(c)];
 }
 
@@ -88,5 +88,25 @@ void Registry::add(HandleClass c, const void* p) { set(c).insert(p); }
 void Registry::remove(HandleClass c, const void* p) noexcept { set(c).erase(p); }
 
 bool Registry::live(HandleClass c, const void* p) noexcept { return p && set(c).contains(p); }
+
+void BlockIndex::add(const void* begin, size_t bytes) {
+    const auto a = reinterpret_cast<uintptr_t>(begin);
+    m_ranges.emplace(a, a + bytes);
+}
+
+void BlockIndex::remove(const void* begin) noexcept {
+    const auto a = reinterpret_cast<uintptr_t>(begin);
+    m_ranges.erase(a);
+    if (m_last.begin == a) m_last = Range{};
+}
+
+const unsigned char* BlockIndex::findSlow(uintptr_t a) const noexcept {
+    auto it = m_ranges.upper_bound(a);
+    if (it == m_ranges.begin()) return nullptr;
+    --it;
+    if (a >= it->second) return nullptr;
+    m_last = Range{it->first, it->second};
+    return reinterpret_cast<const unsigned char*>(it->first);
+}
 
 }  // namespace tamo

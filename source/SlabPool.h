@@ -4,6 +4,10 @@
 // of one per section, and descriptors made one after another sit next to
 // each other in memory. Freed slots are reused; blocks go when the pool does,
 // after every object made from it has been released.
+//
+// Every pool of one type enters its blocks in one index, and each slot says
+// whether it holds an object: live() tells whether any pointer is a live
+// object of the type without reading anything the pools do not own.
 #pragma once
 
 #include <algorithm>
@@ -13,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "Registry.h"
+
 namespace tamo {
 
 template <class T>
@@ -21,28 +27,53 @@ public:
     SlabPool() = default;
     SlabPool(const SlabPool&) = delete;
     SlabPool& operator=(const SlabPool&) = delete;
+    ~SlabPool() {
+        for (const auto& b : m_blocks) index().remove(b.get());
+    }
 
     template <class... Args>
     T* make(Args&&... args) {
         Slot* slot = take();
+        T* object;
         try {
-            return ::new (static_cast<void*>(slot->bytes)) T(std::forward<Args>(args)...);
+            object = ::new (static_cast<void*>(slot->bytes)) T(std::forward<Args>(args)...);
         } catch (...) {
             give(slot);
             throw;
         }
+        slot->live = true;
+        return object;
     }
 
     void release(T* object) noexcept {
+        Slot* slot = reinterpret_cast<Slot*>(object);
+        slot->live = false;
         object->~T();
-        give(reinterpret_cast<Slot*>(object));
+        give(slot);
+    }
+
+    // Whether p is an object of some pool of this type, made and not yet
+    // released; p is not read unless it is.
+    static bool live(const void* p) noexcept {
+        const unsigned char* block = index().find(p);
+        if (!block) return false;
+        const size_t at = static_cast<size_t>(static_cast<const unsigned char*>(p) - block);
+        return at % sizeof(Slot) == 0 && reinterpret_cast<const Slot*>(block + at)->live;
     }
 
 private:
-    union Slot {
-        Slot* next;
-        alignas(T) unsigned char bytes[sizeof(T)];
+    struct Slot {
+        union {
+            Slot* next;
+            alignas(T) unsigned char bytes[sizeof(T)];
+        };
+        bool live;
     };
+
+    static BlockIndex& index() {
+        static BlockIndex blocks;
+        return blocks;
+    }
     static constexpr size_t kFirstBlock = 4;
     static constexpr size_t kLargestBlock = 256;
 
@@ -53,8 +84,16 @@ private:
         }
         if (m_used == m_capacity) {
             const size_t n = m_capacity ? std::min(m_capacity * 2, kLargestBlock) : kFirstBlock;
-            m_blocks.emplace_back();  // may throw before the block exists
-            m_blocks.back().reset(new Slot[n]);
+            std::unique_ptr<Slot[]> block(new Slot[n]);
+            Slot* const first = block.get();
+            for (size_t i = 0; i < n; ++i) first[i].live = false;
+            index().add(first, n * sizeof(Slot));  // may throw: nothing entered
+            try {
+                m_blocks.push_back(std::move(block));
+            } catch (...) {
+                index().remove(first);
+                throw;
+            }
             m_used = 0;
             m_capacity = n;
         }

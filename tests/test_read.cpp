@@ -337,7 +337,7 @@ TEST(Read, RegistryKeepsTrackThroughGrowthAndRemovals) {
     for (size_t i = 0; i < half; ++i) tamo::Registry::remove(tamo::HandleClass::Data, in[i]);
     for (size_t i = 0; i < in.size(); ++i)
         ASSERT_EQ(tamo::Registry::live(tamo::HandleClass::Data, in[i]), i >= half) << i;
-    EXPECT_FALSE(tamo::Registry::live(tamo::HandleClass::Scn, in.back()));
+    EXPECT_FALSE(tamo::Registry::live(tamo::HandleClass::Elf, in.back()));
     for (size_t i = half; i < in.size(); ++i) tamo::Registry::remove(tamo::HandleClass::Data, in[i]);
     for (const void* p : in) ASSERT_FALSE(tamo::Registry::live(tamo::HandleClass::Data, p));
 }

@@ -192,6 +192,12 @@ TEST(Pieces, WalkedInTheOrderAddedAndCheckedAsHandles) {
     for (Elf_Data* p : {pieces[0], pieces[2], other}) EXPECT_EQ(tamo_elf_flagdata(p, ELF_C_SET, ELF_F_DIRTY), ELF_F_DIRTY);
     for (void* near : {static_cast<void*>(reinterpret_cast<char*>(pieces[0]) + 8), static_cast<void*>(a)})
         EXPECT_EQ(codeOf(tamo_elf_getdata(a, static_cast<Elf_Data*>(near)), nullptr), 72);
+    // Section handles: inside a descriptor, between two, the slot after the
+    // last one made.
+    char* const at = reinterpret_cast<char*>(a);
+    const ptrdiff_t stride = reinterpret_cast<char*>(b) - at;
+    for (char* near : {at + 1, at + stride / 2, at + 2 * stride})
+        EXPECT_EQ(codeOf(tamo_elf_ndxscn(reinterpret_cast<Elf_Scn*>(near)), size_t{SHN_UNDEF}), 71) << near - at;
 }
 
 TEST(Layout, LibraryLayoutExamples) {
