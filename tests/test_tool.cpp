@@ -135,9 +135,15 @@ TEST(Tool, CheckAndInfoReportCodeAndPlace) {
     };
     const std::pair<Bytes, const char*> rows[] = {
         // Cut inside the section header table; the table moved past the end.
+        // Headers the file holds no byte of are not listed one by one.
         {Bytes(object.begin(), object.begin() + static_cast<long>(shoff + 44 * 3)),
          "section header table: the table (15 entries at offset"},
+        {Bytes(object.begin(), object.begin() + static_cast<long>(shoff + 44 * 3 - 1)),
+         "; sections [3] to [14], all zeros, are not listed"},
         {patched(object, 32, {0x00, 0x10, 0x00, 0x00}), "runs past the end of the file"},
+        {patched(object, 46, {0x00, 0x00, 0xff, 0xff}),
+         "entries of 0 bytes (e_shentsize) for 65535 sections; the library reads them as zeros; sections [0] to "
+         "[65534], all zeros, are not listed"},
         // Section 6 (.rela.text) placed past the end of the file.
         {patched(object, shoff + 44 * 6 + 16, {0x00, 0x01, 0x00, 0x00}),
          "section [6] .rela.text: code 8: Error from _read()"},

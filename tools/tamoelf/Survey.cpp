@@ -301,15 +301,33 @@ Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool 
         o.problems.push_back(toolProblem(
             "ELF header", "the file is cut short: " + std::to_string(bytes.size()) + " bytes of a 52-byte header",
             "the library reads the missing bytes as zeros"));
-    const uint64_t tableEnd = h->e_shoff + uint64_t{std::min<unsigned>(h->e_shentsize, 44)} * h->e_shnum;
-    if (h->e_shnum && tableEnd > bytes.size())
+    // Headers of which the file holds no byte read as zeros: null sections,
+    // which are not listed one by one (a 140-byte member may claim 65,535).
+    const unsigned stride = std::min<unsigned>(h->e_shentsize, 44);
+    const uint64_t tableEnd = h->e_shoff + uint64_t{stride} * h->e_shnum;
+    size_t held = h->e_shnum;
+    if (stride == 0 || h->e_shoff >= bytes.size())
+        held = 0;
+    else if (tableEnd > bytes.size())
+        held = static_cast<size_t>((bytes.size() - h->e_shoff + stride - 1) / stride);
+    const std::string unlisted = held == h->e_shnum ? ""
+                                 : held + 1 == h->e_shnum
+                                     ? "; section [" + std::to_string(held) + "], all zeros, is not listed"
+                                     : "; sections [" + std::to_string(held) + "] to [" +
+                                           std::to_string(h->e_shnum - 1) + "], all zeros, are not listed";
+    if (h->e_shnum && stride == 0)
+        o.problems.push_back(toolProblem("section header table",
+                                         "entries of 0 bytes (e_shentsize) for " + std::to_string(h->e_shnum) +
+                                             " sections",
+                                         "the library reads them as zeros" + unlisted));
+    else if (h->e_shnum && tableEnd > bytes.size())
         o.problems.push_back(toolProblem("section header table",
                                          "the table (" + std::to_string(h->e_shnum) + " entries at offset " +
                                              std::to_string(h->e_shoff) + ") runs past the end of the file (" +
                                              std::to_string(bytes.size()) + " bytes)",
-                                         "the library reads the missing bytes as zeros"));
+                                         "the library reads the missing bytes as zeros" + unlisted));
 
-    for (size_t i = 0; i < h->e_shnum; ++i) {
+    for (size_t i = 0; i < held; ++i) {
         Section s;
         s.index = i;
         Elf_Scn* scn = tamo_elf_getscn(elf, i);
