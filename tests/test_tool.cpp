@@ -144,6 +144,7 @@ TEST(Tool, CheckAndInfoReportCodeAndPlace) {
         {patched(object, 46, {0x00, 0x00, 0xff, 0xff}),
          "entries of 0 bytes (e_shentsize) for 65535 sections; the library reads them as zeros; sections [0] to "
          "[65534], all zeros, are not listed"},
+        {patched(object, 46, {0x00, 0x30}), "entries of 48 bytes (e_shentsize; this format's are 44"},
         // Section 6 (.rela.text) placed past the end of the file.
         {patched(object, shoff + 44 * 6 + 16, {0x00, 0x01, 0x00, 0x00}),
          "section [6] .rela.text: code 8: Error from _read()"},

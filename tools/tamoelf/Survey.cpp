@@ -320,7 +320,12 @@ Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool 
                                          "entries of 0 bytes (e_shentsize) for " + std::to_string(h->e_shnum) +
                                              " sections",
                                          "the library reads them as zeros" + unlisted));
-    else if (h->e_shnum && tableEnd > bytes.size())
+    else if (h->e_shnum && h->e_shentsize != 44 && h->e_shentsize != 40)
+        o.problems.push_back(toolProblem("section header table",
+                                         "entries of " + std::to_string(h->e_shentsize) +
+                                             " bytes (e_shentsize; this format's are 44, standard ELF32's 40)",
+                                         "the library reads min(e_shentsize, 44) bytes of each, as many bytes apart"));
+    if (h->e_shnum && stride != 0 && tableEnd > bytes.size())
         o.problems.push_back(toolProblem("section header table",
                                          "the table (" + std::to_string(h->e_shnum) + " entries at offset " +
                                              std::to_string(h->e_shoff) + ") runs past the end of the file (" +
