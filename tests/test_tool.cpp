@@ -166,6 +166,14 @@ TEST(Tool, CheckAndInfoReportCodeAndPlace) {
             EXPECT_NE(r.out.find(path), std::string::npos) << command << ", " << expect;
         }
     }
+    // A name that is not UTF-8 reaches JSON with U+FFFD for its bad byte.
+    Bytes named = object;
+    const std::string text(named.begin(), named.end());
+    named.at(text.find(std::string(".text\0", 6)) + 1) = 0xff;
+    writeFile(path, named);
+    const Result r = tool("info --json '" + path + "'");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("\".\xef\xbf\xbd" "ext\""), std::string::npos) << r.out.substr(0, 400);
 }
 
 }  // namespace
