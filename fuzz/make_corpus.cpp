@@ -6,11 +6,12 @@
 // descriptions of objects in the field order fuzz_write.cpp reads them.
 //
 // Compiler objects given after the directory (standard ELF32) seed the
-// DWARF and interoperation targets: each whole (for import), in a GNU
-// archive, and their DWARF and unwind sections.
+// DWARF, interoperation and survey targets: each whole (for import and
+// info), in a GNU archive, and their DWARF and unwind sections. The survey
+// target's seeds are whole files, without a walk seed.
 //
 // Usage: make_corpus <directory> [object.o...]
-//   (writes <directory>/{image,fd,archive,rdwr,write,dwarf,interop}/)
+//   (writes <directory>/{image,fd,archive,rdwr,write,dwarf,interop,survey}/)
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -204,6 +205,7 @@ void seedFromObject(const std::string& root, const std::string& tag, const Bytes
     Bytes whole = {0};
     whole.insert(whole.end(), object.begin(), object.end());
     saveRaw(root + "/interop", tag + "-object", whole);
+    saveRaw(root + "/survey", tag, object);
     // A GNU archive of the object.
     std::string header = "member.o/       0           0     0     644     ";
     std::string size = std::to_string(object.size());
@@ -234,7 +236,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string root = argv[1];
-    for (const char* sub : {"", "/image", "/fd", "/archive", "/rdwr", "/write", "/dwarf", "/interop"})
+    for (const char* sub : {"", "/image", "/fd", "/archive", "/rdwr", "/write", "/dwarf", "/interop", "/survey"})
         mkdir((root + sub).c_str(), 0755);
     for (int i = 2; i < argc; ++i) {
         std::ifstream in(argv[i], std::ios::binary);
@@ -257,11 +259,13 @@ int main(int argc, char** argv) {
         Sample t(o);
         t.builder.shnumOverride = 200;
         objects.emplace_back("shnum_too_big", t.build());
-        for (auto& [what, bytes] : objects)
+        for (auto& [what, bytes] : objects) {
+            saveRaw(root + "/survey", tag + "-" + what, bytes);
             for (uint8_t seed : {0, 7, 0x85}) {
                 save(root + "/image", tag + "-" + what + "-" + std::to_string(seed), bytes, seed);
                 save(root + "/fd", tag + "-" + what + "-" + std::to_string(seed), bytes, seed);
             }
+        }
         // Updating in place (the DWARF converter is not under test there):
         // nothing read, some, all; a changed byte, a changed header field,
         // the caller's layout.
@@ -280,6 +284,8 @@ int main(int argc, char** argv) {
         save(root + "/archive", tag + "-archive", withSymbols.ar.build(), 0);
         save(root + "/archive", tag + "-archive-ends", withSymbols.ar.build(), 0x18);
         save(root + "/archive", tag + "-archive-nosyms", without.ar.build(), 0x10);
+        saveRaw(root + "/survey", tag + "-archive", withSymbols.ar.build());
+        saveRaw(root + "/survey", tag + "-archive-nosyms", without.ar.build());
         ++k;
     }
     std::printf("corpora written to %s (%d byte orders)\n", root.c_str(), k);

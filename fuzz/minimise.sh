@@ -5,7 +5,7 @@
 # Usage: fuzz/minimise.sh [TARGET...]
 set -eu
 cd "$(dirname "$0")/.."
-targets=${*:-"image fd archive write rdwr dwarf interop"}
+targets=${*:-"image fd archive write rdwr dwarf interop survey"}
 build=build/fuzz
 for t in $targets; do
     [ -x "$build/fuzz/fuzz_$t" ] || { echo "fuzz_$t: not built (run fuzz/run.sh first)"; continue; }

@@ -2,13 +2,13 @@
 # Builds the fuzz targets with ASan+UBSan, writes the seed corpora, and runs
 # each target for the given number of seconds, FUZZ_JOBS (default 2) at a time,
 # starting from the minimised corpus kept in fuzz/corpus and the seeds.
-# Usage: [FUZZ_JOBS=N] [FUZZ_BUILD=0] fuzz/run.sh SECONDS [TARGET...]   (targets: image fd archive write rdwr dwarf interop)
+# Usage: [FUZZ_JOBS=N] [FUZZ_BUILD=0] fuzz/run.sh SECONDS [TARGET...]   (targets: image fd archive write rdwr dwarf interop survey)
 # fuzz/minimise.sh folds what a run found back into fuzz/corpus.
 set -eu
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
-targets=${*:-"image fd archive write rdwr dwarf interop"}
+targets=${*:-"image fd archive write rdwr dwarf interop survey"}
 parallel=${FUZZ_JOBS:-2}
 build=build/fuzz
 # FUZZ_BUILD=0 runs the targets as last built (a long campaign beside work on the sources).

@@ -80,7 +80,7 @@ CC=clang CXX=clang++ run clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMO_SANITIZE
 fuzz_smoke() {
     case " $broken " in *" clang "*) return ;; esac
     smoke=0
-    for t in image fd archive write rdwr dwarf interop; do
+    for t in image fd archive write rdwr dwarf interop survey; do
         target=build/clang/fuzz/fuzz_$t
         [ -x "$target" ] || continue
         work=$(mktemp -d)

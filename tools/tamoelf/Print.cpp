@@ -385,4 +385,8 @@ void printNotes(std::ostream& out, const Survey& f) {
     for (const Member& m : f.ar.members) print(f.ar.file + "(" + m.name + ")", m.object);
 }
 
+std::string jsonText(const nlohmann::json& document) {
+    return document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 }  // namespace tool

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <ostream>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
@@ -12,6 +13,9 @@ namespace tool {
 
 void printText(std::ostream& out, const Survey& file);
 nlohmann::json toJson(const Survey& file);
+// A document as info --json prints it. Names are the file's bytes: one that
+// is not UTF-8 gets U+FFFD in place of each bad byte.
+std::string jsonText(const nlohmann::json& document);
 
 // One line per problem: file, place, code, message, context, and what was
 // done. Returns how many there were.

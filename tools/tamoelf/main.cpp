@@ -47,12 +47,7 @@ int info(const std::vector<std::string>& files, bool asJson) {
         }
         if (!asJson && &f != &files.back()) std::cout << "\n";
     }
-    // Names are the file's bytes: one that is not UTF-8 gets U+FFFD in place
-    // of each bad byte rather than failing the document.
-    if (asJson)
-        std::cout << (files.size() == 1 && !documents.empty() ? documents[0] : documents)
-                         .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
-                  << "\n";
+    if (asJson) std::cout << jsonText(files.size() == 1 && !documents.empty() ? documents[0] : documents) << "\n";
     return status;
 }
 
