@@ -235,8 +235,13 @@ Elf32_Shdr* Elf::get_shdr(size_t index) const {
     if (index >= m_nHeldShdrs && index < m_nFileShdrs) {
         // A record the file claims but does not hold: made (zeroed) now,
         // since the caller may change it.
+        const size_t k = index - m_nHeldShdrs;
         try {
-            return &m_madeShdrs.try_emplace(index).first->second;
+            if (m_madeShdrs.empty())
+                m_madeShdrs.resize((m_nFileShdrs - m_nHeldShdrs + kMadeShdrPage - 1) / kMadeShdrPage);
+            std::unique_ptr<Elf32_Shdr[]>& page = m_madeShdrs[k / kMadeShdrPage];
+            if (!page) page.reset(new Elf32_Shdr[kMadeShdrPage]());
+            return &page[k % kMadeShdrPage];
         } catch (const std::bad_alloc&) {
             SETERR(ERR_NOMEM);
             return nullptr;
@@ -251,8 +256,8 @@ const Elf32_Shdr* Elf::peekShdr(size_t index) const {
     static const Elf32_Shdr zero{};
     if (index < m_nHeldShdrs) return &m_fileShdrs[index];
     if (index < m_nFileShdrs) {
-        const auto it = m_madeShdrs.find(index);
-        return it == m_madeShdrs.end() ? &zero : &it->second;
+        const size_t k = index - m_nHeldShdrs, page = k / kMadeShdrPage;
+        return page < m_madeShdrs.size() && m_madeShdrs[page] ? &m_madeShdrs[page][k % kMadeShdrPage] : &zero;
     }
     if (index < shdrCount()) return &m_newShdrs[index - m_nFileShdrs];
     return nullptr;

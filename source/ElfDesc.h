@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "ByteSwap.h"
@@ -189,7 +188,10 @@ private:
     std::unique_ptr<Elf32_Shdr[]> m_fileShdrs;
     size_t m_nFileShdrs = 0;  // e_shnum as read
     size_t m_nHeldShdrs = 0;  // records in m_fileShdrs
-    mutable std::unordered_map<size_t, Elf32_Shdr> m_madeShdrs;
+    // Records claimed beyond the file, made (zeroed) in pages of 256 when
+    // one of a page is first asked for.
+    static constexpr size_t kMadeShdrPage = 256;
+    mutable std::vector<std::unique_ptr<Elf32_Shdr[]>> m_madeShdrs;
     std::deque<Elf32_Shdr> m_newShdrs;
 
     // Section descriptors by index: lookup is constant time, and walking the

@@ -28,7 +28,15 @@ public:
     SlabPool(const SlabPool&) = delete;
     SlabPool& operator=(const SlabPool&) = delete;
     ~SlabPool() {
-        for (const auto& b : m_blocks) index().remove(b.get());
+        std::vector<std::unique_ptr<Slot[]>>& k = kept();
+        for (size_t i = 0; i < m_blocks.size(); ++i) {
+            // Every object is released: a block stays in the index with no
+            // slot live while it is kept.
+            if (blockSize(i) == kLargestBlock && k.size() < k.capacity())
+                k.push_back(std::move(m_blocks[i]));
+            else
+                index().remove(m_blocks[i].get());
+        }
     }
 
     template <class... Args>
@@ -76,6 +84,17 @@ private:
     }
     static constexpr size_t kFirstBlock = 4;
     static constexpr size_t kLargestBlock = 256;
+    static size_t blockSize(size_t i) { return i < 6 ? kFirstBlock << i : kLargestBlock; }
+
+    // Largest blocks of pools that have gone, kept for the pools to come, up
+    // to one table of 65,536 objects: reading one large object after another
+    // (members of an archive) reuses memory the process already has instead
+    // of having the system hand out and zero fresh pages each time.
+    static constexpr size_t kKeptBlocks = 256;
+    static std::vector<std::unique_ptr<Slot[]>>& kept() {
+        static std::vector<std::unique_ptr<Slot[]>> blocks;
+        return blocks;
+    }
 
     Slot* take() {
         if (Slot* s = m_free) {
@@ -83,16 +102,18 @@ private:
             return s;
         }
         if (m_used == m_capacity) {
-            const size_t n = m_capacity ? std::min(m_capacity * 2, kLargestBlock) : kFirstBlock;
-            std::unique_ptr<Slot[]> block(new Slot[n]);
-            Slot* const first = block.get();
-            for (size_t i = 0; i < n; ++i) first[i].live = false;
-            index().add(first, n * sizeof(Slot));  // may throw: nothing entered
-            try {
-                m_blocks.push_back(std::move(block));
-            } catch (...) {
-                index().remove(first);
-                throw;
+            const size_t n = blockSize(m_blocks.size());
+            m_blocks.reserve(m_blocks.size() + 1);  // may throw: nothing taken yet
+            if (n == kLargestBlock && !kept().empty()) {
+                m_blocks.push_back(std::move(kept().back()));  // entered in the index already
+                kept().pop_back();
+            } else {
+                if (n == kLargestBlock) kept().reserve(kKeptBlocks);
+                std::unique_ptr<Slot[]> block(new Slot[n]);
+                Slot* const first = block.get();
+                for (size_t i = 0; i < n; ++i) first[i].live = false;
+                index().add(first, n * sizeof(Slot));  // may throw: nothing entered
+                m_blocks.push_back(std::move(block));  // room reserved above
             }
             m_used = 0;
             m_capacity = n;

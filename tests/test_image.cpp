@@ -241,6 +241,16 @@ TEST_P(Image, ClaimedSectionsCostNothingUntilAskedFor) {
     Elf_Scn* last = tamo_elf_getscn(members[0], 65534);
     ASSERT_NE(last, nullptr);
     EXPECT_EQ(tamo_elf32_getshdr(last)->sh_type, 0u);
+    // Every claimed section of two members in turn: the second reuses the
+    // descriptor blocks of the first, and a handle of the first that ended
+    // is refused.
+    for (Elf* m : {members[1], members[2]}) {
+        Elf_Scn* scn = nullptr;
+        while (Elf_Scn* next = tamo_elf_nextscn(m, scn)) scn = next;
+        ASSERT_EQ(tamo_elf_ndxscn(scn), 65534u);
+        EXPECT_EQ(tamo_elf_end(m), 0);
+        EXPECT_TRUE(failed(tamo_elf_ndxscn(scn), 71));
+    }
 }
 
 TEST_P(Image, EmptySectionsNeedNoBytes) {
