@@ -2,10 +2,10 @@
 // before touching it, so a pointer that is not a live descriptor (a stale
 // handle after tamo_elf_end, or garbage) is refused without being read.
 //
-// Section descriptors come in blocks (SlabPool.h): the registry knows the
-// blocks, and a pool tells which of its slots are live. Walking a table of
-// 65,535 sections then checks its handles against a few hundred ranges, the
-// one used last first, instead of a set as large as the table.
+// Section descriptors come in blocks (SlabPool.h), which their pools enter
+// in a BlockIndex; a pool tells which of its slots are live. Walking a table
+// of 65,535 sections then checks its handles against a few hundred ranges,
+// the one used last first, instead of a set as large as the table.
 #pragma once
 
 #include <cstddef>

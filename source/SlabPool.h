@@ -31,7 +31,8 @@ public:
         std::vector<std::unique_ptr<Slot[]>>& k = kept();
         for (size_t i = 0; i < m_blocks.size(); ++i) {
             // Every object is released: a block stays in the index with no
-            // slot live while it is kept.
+            // slot live while it is kept. Room for the kept blocks was
+            // reserved when the first largest block was made.
             if (blockSize(i) == kLargestBlock && k.size() < k.capacity())
                 k.push_back(std::move(m_blocks[i]));
             else
@@ -103,7 +104,8 @@ private:
         }
         if (m_used == m_capacity) {
             const size_t n = blockSize(m_blocks.size());
-            m_blocks.reserve(m_blocks.size() + 1);  // may throw: nothing taken yet
+            if (m_blocks.size() == m_blocks.capacity())
+                m_blocks.reserve(2 * m_blocks.size() + 8);  // may throw: nothing taken yet
             if (n == kLargestBlock && !kept().empty()) {
                 m_blocks.push_back(std::move(kept().back()));  // entered in the index already
                 kept().pop_back();

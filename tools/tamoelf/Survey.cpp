@@ -28,10 +28,15 @@ bool bigEndian(const Elf32_Ehdr& h) {
     return h.e_ident[EI_DATA] == ELFDATA2MSB;
 }
 
+// The distance between section headers as the library reads them.
+unsigned headerStride(const Elf32_Ehdr& h) {
+    return std::min<unsigned>(h.e_shentsize, sizeof(Elf32_Shdr));
+}
+
 // A section header as the object's bytes hold it, for a section the library
 // does not hand out.
 bool storedHeader(const Bytes& b, const Elf32_Ehdr& h, size_t index, Elf32_Shdr& out) {
-    const size_t stride = std::min<size_t>(h.e_shentsize, sizeof(Elf32_Shdr));
+    const size_t stride = headerStride(h);
     const uint64_t at = h.e_shoff + uint64_t{stride} * index;
     if (stride < 4 || at + stride > b.size()) return false;
     uint32_t words[11] = {};
@@ -303,7 +308,7 @@ Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool 
             "the library reads the missing bytes as zeros"));
     // Headers of which the file holds no byte read as zeros: null sections,
     // which are not listed one by one (a 140-byte member may claim 65,535).
-    const unsigned stride = std::min<unsigned>(h->e_shentsize, 44);
+    const unsigned stride = headerStride(*h);
     const uint64_t tableEnd = h->e_shoff + uint64_t{stride} * h->e_shnum;
     size_t held = h->e_shnum;
     if (stride == 0 || h->e_shoff >= bytes.size())
