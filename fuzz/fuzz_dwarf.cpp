@@ -4,7 +4,8 @@
 // converted in place and into a second buffer, which must agree and leave
 // the source alone, and converting the result back must give the input:
 // the walks decide only by host-order values, so this holds for malformed
-// sections too. Buffers have exactly their data's size, so that the
+// sections too. The fast walk of .debug_info must give what the plain walk
+// gives. Buffers have exactly their data's size, so that the
 // sanitizers see any step outside them.
 #include <cstdint>
 #include <cstring>
@@ -53,5 +54,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::unique_ptr<char[]> back(new char[n ? n : 1]);
     tamo::dwarfConvert(name, out.get(), back.get(), n, nullptr, !srcNative, &abbrev);
     check(std::memcmp(back.get(), section, n) == 0);
+
+    // The plain walk gives the same bytes, in place and between buffers.
+    auto plain = copyOf(section, n);
+    tamo::dwarfConvert(name, plain.get(), plain.get(), n, nullptr, srcNative, &abbrev, tamo::Walk::OneUnit);
+    check(std::memcmp(plain.get(), inPlace.get(), n) == 0);
+    tamo::dwarfConvert(name, src.get(), plain.get(), n, nullptr, srcNative, &abbrev, tamo::Walk::OneUnit);
+    check(std::memcmp(plain.get(), inPlace.get(), n) == 0);
     return 0;
 }

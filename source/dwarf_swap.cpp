@@ -18,18 +18,29 @@
 // whose width the bytes tell), and the abbreviations with one-byte codes sit
 // in a flat array, so that a typical entry costs a byte load, an array load,
 // one bounds check and its reversals. The entry walk keeps its cursor in a
-// local copy; the rare steps take and return it by value.
+// local copy; the rare steps take and return it by value. Where the
+// processor has SSSE3, two units are walked at once, and entries whose
+// values fit in 16-byte windows are checked and converted a window at a
+// time (see Window); any entry they do not take goes the plain way.
 
 #include "dwarf_swap.h"
 
+#include <array>
 #include <cstring>
 #include <new>
+#include <utility>
 #include <vector>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define TAMO_DWARF_WINDOWS 1
+#endif
 
 #include "DwarfAbbrev.h"
 #include "DwarfCursor.h"
 #include "DwarfExpression.h"
 #include "DwarfTables.h"
+#include "Endian.h"
 #include "tamoelf.h"
 
 namespace tamo {
@@ -320,13 +331,93 @@ void shape(dwarf::Quick& q, const dwarf::Plan& p) {
     }
 }
 
+// An abbreviation whose entries fit in one or two 16-byte windows: the code
+// and a head record (LEB128 values in it taken as one byte, which the walk
+// checks), then optionally an exprloc of one operation with nothing to
+// reverse and a tail record. Between two buffers each window is converted
+// by one byte shuffle, which reverses the fields and leaves every other
+// byte where it is.
+struct alignas(16) Window {
+    enum Kind : uint8_t { None, One, Two };
+    uint8_t head[16];
+    uint8_t tail[16];
+    uint16_t headLeb = 0, tailLeb = 0;  // bytes that must be below 0x80
+    uint8_t headSize = 0, tailSize = 0;
+    Kind kind = None;
+    int8_t depth = 0;  // +1: has children; -1: the end of a list of children
+    // In place the fields are reversed one by one (a whole window stored
+    // back would stall the next entry's load): up to four words, at these
+    // offsets from the head or (bit k of inTail) the tail window.
+    uint8_t words = 0xff;  // above 4: the fields are not four words or fewer
+    uint8_t inTail = 0;
+    uint8_t word[4] = {};
+};
+
+// Fills one window from the plan's steps [from, to); false when they do not
+// fit in `limit` bytes or hold other than records and LEB128 values.
+bool fillWindow(const dwarf::Plan& p, const Step* from, const Step* to, uint8_t* shuffle, uint16_t& leb,
+                uint8_t& size, unsigned limit, Window& w, bool tail) {
+    for (unsigned i = 0; i < 16; ++i) shuffle[i] = static_cast<uint8_t>(i);
+    for (const Step* s = from; s != to; ++s) {
+        if (s->kind == Step::Leb) {
+            if (size + 1u > limit) return false;
+            leb = static_cast<uint16_t>(leb | 1u << size);
+            ++size;
+            continue;
+        }
+        if (s->kind != Step::Record || size + s->value > limit) return false;
+        for (uint32_t k = 0; k < s->count; ++k) {
+            const dwarf::Reversal& r = p.reversals[s->first + k];
+            const size_t at = size + r.offset;
+            for (unsigned b = 0; b < r.width; ++b) shuffle[at + b] = static_cast<uint8_t>(at + r.width - 1 - b);
+            if (r.width != 4 || w.words >= 4) {
+                w.words = 0xfe;
+            } else {
+                w.inTail = static_cast<uint8_t>(w.inTail | (tail ? 1u : 0u) << w.words);
+                w.word[w.words++] = static_cast<uint8_t>(at);
+            }
+        }
+        size = static_cast<uint8_t>(size + s->value);
+    }
+    return true;
+}
+
+void makeWindow(Window& w, const dwarf::Plan& p, bool children) {
+    w = Window{};
+    w.words = 0;
+    const Step* begin = p.steps.data();
+    const Step* end = begin + p.steps.size();
+    const Step* split = end;
+    for (const Step* s = begin; s != end; ++s)
+        if (s->kind == Step::Block) {
+            split = s;
+            break;
+        }
+    w.headSize = 1;  // the code
+    if (split == end) {
+        if (!fillWindow(p, begin, end, w.head, w.headLeb, w.headSize, 16, w, false)) return;
+        w.kind = Window::One;
+    } else {
+        // The head leaves room for an expression of up to three bytes and
+        // its length in the first window.
+        if (split->width != 0 || !split->expression ||
+            !fillWindow(p, begin, split, w.head, w.headLeb, w.headSize, 12, w, false) ||
+            !fillWindow(p, split + 1, end, w.tail, w.tailLeb, w.tailSize, 16, w, true))
+            return;
+        w.kind = Window::Two;
+    }
+    w.depth = children ? 1 : 0;
+}
+
 // The abbreviations with one-byte codes of the table a unit uses, for the
 // unit's kind: one flat array, remade when a unit uses another table (so
 // that it costs the same however many tables an input names).
 struct QuickTable {
     const CDwarfAbbrevTable* table = nullptr;
     uint32_t key = 0;
+    bool windows = false;  // whether to make the windows too
     std::vector<dwarf::Quick> entries;
+    std::vector<Window> window;
 
     const std::vector<dwarf::Quick>& of(const CDwarfAbbrevTable& t, const Unit& u) {
         if (table == &t && key == u.key()) return entries;
@@ -334,13 +425,23 @@ struct QuickTable {
         key = u.key();
         entries.assign(0x80, dwarf::Quick{});
         entries[0].shape = dwarf::Quick::End;
+        if (windows) {
+            window.assign(0x100, Window{});  // codes of two bytes and more: None
+            window[0].kind = Window::One;
+            window[0].headSize = 1;
+            window[0].depth = -1;
+            window[0].words = 0;
+            for (unsigned i = 0; i < 16; ++i) window[0].head[i] = static_cast<uint8_t>(i);
+        }
         for (uint32_t code = 1; code < 0x80; ++code) {
             const CDwarfAbbrevEntry* e = t.find(code);
             if (!e) continue;
             dwarf::Quick& q = entries[code];
             q.entry = e;
             q.children = e->m_bHasChildren;
-            shape(q, planOf(*e, u));
+            const dwarf::Plan& plan = planOf(*e, u);
+            shape(q, plan);
+            if (windows) makeWindow(window[code], plan, e->m_bHasChildren);
         }
         return entries;
     }
@@ -406,9 +507,10 @@ template <dwarf::Buffers B>
 struct Lane {
     dwarf::BasicCursorPair<B> c;
     const dwarf::Quick* quick = nullptr;
+    const Window* window = nullptr;
     const CDwarfAbbrevTable* table = nullptr;
     Unit u;
-    size_t depth = 0;
+    ptrdiff_t depth = 0;
     size_t outer = 0;
     bool inUnit = false;
     bool types = false;  // the units are .debug_types units
@@ -445,6 +547,7 @@ template <dwarf::Buffers B>
         return l;
     }
     l.quick = quickTable.of(*l.table, l.u).data();
+    l.window = quickTable.window.data();
     l.depth = 0;
     l.inUnit = true;
     return l;
@@ -503,17 +606,191 @@ template <dwarf::Buffers B>
     }
     // The tree ends after a childless entry at the top.
     l.depth += children;
-    if (l.depth == 0) finishUnit(l);
+    if (l.depth <= 0) finishUnit(l);
 }
 
 template <dwarf::Buffers B>
-void debugInfo(const CursorPair& whole, bool types) {
+void debugInfoOneLane(const CursorPair& whole, bool types) {
     QuickTable quick;
     Lane<B> one(whole, 0, whole.size(), types);
     while (!one.done()) {
         one = startUnit(one, quick);
         while (one.inUnit) swap_dwarf_entry(one);
     }
+}
+
+#ifdef TAMO_DWARF_WINDOWS
+// The length of an expression that is one operation whose operand has no
+// byte order, from its first two bytes: 1 without an operand, 2 with a
+// byte, 2 or 3 with a LEB128 of one or two bytes (an operand running past
+// the expression is copied either way); 0x40 for any other operation.
+constexpr std::array<uint8_t, 256> kOneOperation = [] {
+    std::array<uint8_t, 256> t{};
+    for (size_t op = 0; op < 256; ++op) {
+        const uint8_t c = dwarf::kPlainOperands[op];
+        t[op] = c == 0 ? 1 : c == 1 ? 2 : c == 2 ? 0x82 : 0x40;
+    }
+    return t;
+}();
+[[gnu::always_inline]] inline unsigned oneOperationLength(const uint8_t* e) {
+    const unsigned v = kOneOperation[e[0]];
+    return (v & 0x7f) + ((v >> 7) & (e[1] >> 7));
+}
+
+// What the loop of a lane keeps in registers: its position, the end of its
+// unit, its windows and the depth of its entry tree.
+struct Hot {
+    size_t pos, end;
+    const Window* window;
+    ptrdiff_t depth;
+};
+
+// One entry through its windows; false (nothing done) when it does not fit
+// them: another kind of abbreviation, a LEB128 of more bytes, an expression
+// that needs walking, fewer than 16 bytes left in the unit after a
+// window's start, or the entry that ends the unit's tree. All is checked
+// before the first byte is written.
+template <dwarf::Buffers B>
+[[gnu::target("ssse3"), gnu::always_inline]] inline bool windowEntry(Hot& h, const uint8_t* src, uint8_t* dst) {
+    constexpr bool inPlace = B == dwarf::Buffers::Same;
+    // The windows stay inside the unit: reading the next unit's bytes in
+    // place would wait on the stores of the lane converting it.
+    const size_t room = h.end - h.pos;
+    if (room < 16) return false;
+    const uint8_t* s = src + h.pos;
+    const Window& w = h.window[s[0]];
+    const __m128i head = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+    if ((_mm_movemask_epi8(head) & w.headLeb) | (h.depth + w.depth <= 0) | (w.kind == Window::None)) return false;
+    uint8_t* d = dst + h.pos;
+    size_t size = w.headSize, tail = 0;
+    if (w.kind == Window::Two) {
+        const size_t length = s[size];
+        if (length - 1 > 2 || oneOperationLength(s + size + 1) != length) return false;
+        tail = size + 1 + length;
+        if (room < tail + 16) return false;
+        const __m128i t = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + tail));
+        if (_mm_movemask_epi8(t) & w.tailLeb) return false;
+        if constexpr (!inPlace) {
+            // The head's window first: its bytes past the head are the
+            // source's, which the tail's window then stores converted.
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
+                             _mm_shuffle_epi8(head, _mm_load_si128(reinterpret_cast<const __m128i*>(w.head))));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + tail),
+                             _mm_shuffle_epi8(t, _mm_load_si128(reinterpret_cast<const __m128i*>(w.tail))));
+        }
+        size = tail + w.tailSize;
+    }
+    if constexpr (inPlace) {
+        // Only the reversed fields are stored: a whole window stored back
+        // would hold up the next entry's load of bytes in it.
+        if (w.words > 4) return false;
+        auto word = [&](unsigned k) {
+            uint8_t* p = d + w.word[k] + (tail & (0 - static_cast<size_t>((w.inTail >> k) & 1)));
+            storeRaw(p, bswap32(loadRaw<uint32_t>(p)));
+        };
+        for (unsigned k = 0; k < w.words; ++k) word(k);
+    } else if (!tail) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
+                         _mm_shuffle_epi8(head, _mm_load_si128(reinterpret_cast<const __m128i*>(w.head))));
+    }
+    h.pos += size;
+    h.depth += w.depth;
+    return true;
+}
+
+// A lane with what its loop keeps in registers.
+template <dwarf::Buffers B>
+struct WindowLane {
+    Lane<B> lane;
+    QuickTable quick;
+    Hot hot{};
+
+    explicit WindowLane(const Lane<B>& l) : lane(l) { quick.windows = true; }
+
+    void load() { hot = Hot{lane.c.pos(), lane.c.end(), lane.window, lane.depth}; }
+    // The next unit, from `next` on: false when none is left. Units that
+    // end at their header (or take the rest of the section) are passed.
+    bool claim(const CursorPair& whole, size_t& next) {
+        while (next < whole.size()) {
+            lane = startUnit(Lane<B>(whole, next, whole.size(), lane.types), quick);
+            next = lane.inUnit ? lane.c.end() : lane.c.pos();
+            if (lane.inUnit) {
+                load();
+                return true;
+            }
+        }
+        return false;
+    }
+    // One entry the windows do not take, by the general walk; then the next
+    // unit when this one has ended. False when no unit is left.
+    [[gnu::noinline]] bool general(const CursorPair& whole, size_t& next) {
+        lane.c.Handled(hot.pos - lane.c.pos());
+        lane.depth = hot.depth;
+        swap_dwarf_entry(lane);
+        if (!lane.inUnit) return claim(whole, next);
+        load();
+        return true;
+    }
+};
+
+// A lane alone, to the end of its last unit.
+template <dwarf::Buffers B>
+[[gnu::target("ssse3")]] void alone(WindowLane<B>& l, const CursorPair& whole, size_t& next) {
+    const uint8_t* src = whole.source();
+    uint8_t* dst = whole.destination();
+    Hot h = l.hot;
+    for (;;) {
+        if (windowEntry<B>(h, src, dst)) continue;
+        l.hot = h;
+        if (!l.general(whole, next)) return;
+        h = l.hot;
+    }
+}
+
+// Two units at once, an entry of each in turn: the entries of one unit
+// form a chain (each starts where the last ended), and the processor works
+// on the two chains side by side. Each lane converts its units as one lane
+// would.
+template <dwarf::Buffers B>
+[[gnu::target("ssse3")]] void debugInfoLanes(const CursorPair& whole, bool types) {
+    const uint8_t* src = whole.source();
+    uint8_t* dst = whole.destination();
+    const Lane<B> idle(whole, 0, 0, types);
+    WindowLane<B> a(idle), b(idle);
+    size_t next = 0;
+    if (!a.claim(whole, next)) return;
+    if (!b.claim(whole, next)) return alone(a, whole, next);
+    Hot ha = a.hot, hb = b.hot;
+    for (;;) {
+        if (!windowEntry<B>(ha, src, dst)) {
+            a.hot = ha;
+            if (!a.general(whole, next)) {
+                b.hot = hb;
+                return alone(b, whole, next);
+            }
+            ha = a.hot;
+        }
+        if (!windowEntry<B>(hb, src, dst)) {
+            b.hot = hb;
+            if (!b.general(whole, next)) {
+                a.hot = ha;
+                return alone(a, whole, next);
+            }
+            hb = b.hot;
+        }
+    }
+}
+#endif
+
+template <dwarf::Buffers B>
+void debugInfo(const CursorPair& whole, bool types, Walk walk) {
+#ifdef TAMO_DWARF_WINDOWS
+    static const bool ssse3 = __builtin_cpu_supports("ssse3");
+    if (ssse3 && walk == Walk::Fast) return debugInfoLanes<B>(whole, types);
+#else
+    (void)walk;
+#endif
+    debugInfoOneLane<B>(whole, types);
 }
 
 // The directory or file table of a version 5 line program header: entry
@@ -614,7 +891,7 @@ void endian_swap_debug_line_section(CursorPair& c) {
 }  // namespace
 
 void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf* elf, bool srcNative,
-                  const AbbrevBytes* abbrev) {
+                  const AbbrevBytes* abbrev, Walk walk) {
     // .debug_types (DWARF 4) holds units of .debug_info's kind with a longer
     // header; nothing routes it here on reading, but callers may convert it.
     const bool types = std::strcmp(name, ".debug_types") == 0;
@@ -644,9 +921,9 @@ void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf
         CursorPair c(reinterpret_cast<const uint8_t*>(d.src), reinterpret_cast<uint8_t*>(d.dst), d.size, d.srcNative);
         if (info) {
             if (c.inPlace())
-                debugInfo<dwarf::Buffers::Same>(c, d.types);
+                debugInfo<dwarf::Buffers::Same>(c, d.types, walk);
             else
-                debugInfo<dwarf::Buffers::Distinct>(c, d.types);
+                debugInfo<dwarf::Buffers::Distinct>(c, d.types, walk);
             continue;
         }
         while (c.pos() < d.size) {

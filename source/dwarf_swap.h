@@ -14,11 +14,17 @@ struct AbbrevBytes {
     size_t size;
 };
 
+// How .debug_info is walked: Fast converts two units at a time, taking the
+// common entries through precomputed windows where the processor allows;
+// OneUnit is the plain walk, one unit and one value after another, which
+// Fast must match byte for byte.
+enum class Walk { Fast, OneUnit };
+
 // Converts the `size` bytes of a .debug_info, .debug_types or .debug_line* section from
 // src into dst (equal or disjoint). srcNative: src holds host order. The
 // walk never goes past the buffer given. A .debug_info conversion reads its
 // abbreviations from `abbrev` when given, else through ReadAbbrevTable(elf).
 void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf* elf, bool srcNative,
-                  const AbbrevBytes* abbrev = nullptr);
+                  const AbbrevBytes* abbrev = nullptr, Walk walk = Walk::Fast);
 
 }  // namespace tamo

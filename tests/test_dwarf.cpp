@@ -339,6 +339,32 @@ TEST(Dwarf, SeveralInfoSectionsBeforeTheirAbbreviations) {
 // ---------------------------------------------------------------------------
 // Real compiler output
 
+// A section of many units, as a partial link makes, converts unit by unit
+// as the one unit does, in place and between buffers: the compile unit of
+// the big-endian object (as stored) repeated, against the little-endian one.
+void expectManyUnits(const Sections& stored, const Sections& expected, const std::string& what) {
+    const Bytes* abbrev = nullptr;
+    for (const auto& [name, bytes] : stored)
+        if (name == ".debug_abbrev") abbrev = &bytes;
+    for (size_t i = 0; i < stored.size() && abbrev; ++i) {
+        if (stored[i].first != ".debug_info") continue;
+        Bytes big, little;
+        for (int k = 0; k < 7; ++k) {
+            big.insert(big.end(), stored[i].second.begin(), stored[i].second.end());
+            little.insert(little.end(), expected[i].second.begin(), expected[i].second.end());
+        }
+        const tamo::AbbrevBytes a{abbrev->data(), abbrev->size()};
+        Bytes inPlace = big, out(big.size());
+        tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
+                           reinterpret_cast<char*>(inPlace.data()), big.size(), nullptr, false, &a);
+        tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(big.data()), reinterpret_cast<char*>(out.data()),
+                           big.size(), nullptr, false, &a);
+        EXPECT_TRUE(inPlace == little && out == little) << what << ": many units";
+        return;
+    }
+    ADD_FAILURE() << what << ": no .debug_info or .debug_abbrev";
+}
+
 // llvm-dwarfdump's view of an object's DWARF, without the line naming the
 // file and its format.
 std::string dwarfdump(const std::string& path) {
@@ -373,6 +399,7 @@ TEST(RealDwarf, BigEndianObjectsReadAsTheLittleEndianOnes) {
                     const Sections expected = sectionsOf(Opened(readFile(little), Access::File), isInfoOrLine);
                     ASSERT_FALSE(expected.empty()) << variant;
                     expectReads(file, expected, variant);
+                    expectManyUnits(sectionsOf(Opened(file, Access::File), isDebug, true), expected, variant);
                     // Written back through an update of every section's data, every
                     // DWARF section is as the compiler wrote it.
                     writeFile(copy, file);
