@@ -353,10 +353,13 @@ struct alignas(16) Window {
     uint8_t word[4] = {};
 };
 
-// Fills one window from the plan's steps [from, to); false when they do not
-// fit in `limit` bytes or hold other than records and LEB128 values.
-bool fillWindow(const dwarf::Plan& p, const Step* from, const Step* to, uint8_t* shuffle, uint16_t& leb,
-                uint8_t& size, unsigned limit, Window& w, bool tail) {
+// Fills the head or the tail window from the plan's steps [from, to); false
+// when they do not fit in `limit` bytes or hold other than records and
+// LEB128 values.
+bool fillWindow(const dwarf::Plan& p, const Step* from, const Step* to, Window& w, bool tail, unsigned limit) {
+    uint8_t* shuffle = tail ? w.tail : w.head;
+    uint16_t& leb = tail ? w.tailLeb : w.headLeb;
+    uint8_t& size = tail ? w.tailSize : w.headSize;
     for (unsigned i = 0; i < 16; ++i) shuffle[i] = static_cast<uint8_t>(i);
     for (const Step* s = from; s != to; ++s) {
         if (s->kind == Step::Leb) {
@@ -395,14 +398,14 @@ void makeWindow(Window& w, const dwarf::Plan& p, bool children) {
         }
     w.headSize = 1;  // the code
     if (split == end) {
-        if (!fillWindow(p, begin, end, w.head, w.headLeb, w.headSize, 16, w, false)) return;
+        if (!fillWindow(p, begin, end, w, false, 16)) return;
         w.kind = Window::One;
     } else {
         // The head leaves room for an expression of up to three bytes and
         // its length in the first window.
         if (split->width != 0 || !split->expression ||
-            !fillWindow(p, begin, split, w.head, w.headLeb, w.headSize, 12, w, false) ||
-            !fillWindow(p, split + 1, end, w.tail, w.tailLeb, w.tailSize, 16, w, true))
+            !fillWindow(p, begin, split, w, false, 12) ||
+            !fillWindow(p, split + 1, end, w, true, 16))
             return;
         w.kind = Window::Two;
     }
@@ -733,28 +736,32 @@ struct WindowLane {
     }
 };
 
+// One entry of a lane, through its windows or else the general walk; false
+// when the lane's unit has ended and no unit is left for it.
+template <dwarf::Buffers B>
+[[gnu::target("ssse3"), gnu::always_inline]] inline bool step(Hot& h, WindowLane<B>& l, const CursorPair& whole,
+                                                             size_t& next) {
+    if (windowEntry<B>(h, whole.source(), whole.destination())) return true;
+    l.hot = h;
+    if (!l.general(whole, next)) return false;
+    h = l.hot;
+    return true;
+}
+
 // A lane alone, to the end of its last unit.
 template <dwarf::Buffers B>
 [[gnu::target("ssse3")]] void alone(WindowLane<B>& l, const CursorPair& whole, size_t& next) {
-    const uint8_t* src = whole.source();
-    uint8_t* dst = whole.destination();
     Hot h = l.hot;
-    for (;;) {
-        if (windowEntry<B>(h, src, dst)) continue;
-        l.hot = h;
-        if (!l.general(whole, next)) return;
-        h = l.hot;
+    while (step(h, l, whole, next)) {
     }
 }
 
 // Two units at once, an entry of each in turn: the entries of one unit
 // form a chain (each starts where the last ended), and the processor works
 // on the two chains side by side. Each lane converts its units as one lane
-// would.
+// would; when one has none left, the other finishes alone.
 template <dwarf::Buffers B>
 [[gnu::target("ssse3")]] void debugInfoLanes(const CursorPair& whole, bool types) {
-    const uint8_t* src = whole.source();
-    uint8_t* dst = whole.destination();
     const Lane<B> idle(whole, 0, 0, types);
     WindowLane<B> a(idle), b(idle);
     size_t next = 0;
@@ -762,21 +769,13 @@ template <dwarf::Buffers B>
     if (!b.claim(whole, next)) return alone(a, whole, next);
     Hot ha = a.hot, hb = b.hot;
     for (;;) {
-        if (!windowEntry<B>(ha, src, dst)) {
-            a.hot = ha;
-            if (!a.general(whole, next)) {
-                b.hot = hb;
-                return alone(b, whole, next);
-            }
-            ha = a.hot;
-        }
-        if (!windowEntry<B>(hb, src, dst)) {
+        if (!step(ha, a, whole, next)) {
             b.hot = hb;
-            if (!b.general(whole, next)) {
-                a.hot = ha;
-                return alone(a, whole, next);
-            }
-            hb = b.hot;
+            return alone(b, whole, next);
+        }
+        if (!step(hb, b, whole, next)) {
+            a.hot = ha;
+            return alone(a, whole, next);
         }
     }
 }
