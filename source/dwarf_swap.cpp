@@ -341,15 +341,20 @@ struct alignas(16) Window {
     enum Kind : uint8_t { None, One, Two };
     uint8_t head[16];
     uint8_t tail[16];
-    uint16_t headLeb = 0, tailLeb = 0;  // bytes that must be below 0x80
+    // Bytes that must be below 0x80; in the head, kRefuse too when the
+    // entries of the abbreviation do not fit (the walk ors it into the mask
+    // of high bits, so that one test decides both).
+    static constexpr uint32_t kRefuse = 1u << 16;
+    uint32_t headLeb = kRefuse;
+    uint32_t tailLeb = 0;
     uint8_t headSize = 0, tailSize = 0;
-    Kind kind = None;
+    Kind kind = None;  // None: refused
     int8_t depth = 0;  // +1: has children; -1: the end of a list of children
     // In place the fields are reversed one by one (a whole window stored
     // back would stall the next entry's load): up to four words, at these
-    // offsets from the head or (bit k of inTail) the tail window.
+    // offsets from the head window (the first headWords) or the tail window.
     uint8_t words = 0xff;  // above 4: the fields are not four words or fewer
-    uint8_t inTail = 0;
+    uint8_t headWords = 0;
     uint8_t word[4] = {};
 };
 
@@ -358,13 +363,13 @@ struct alignas(16) Window {
 // LEB128 values.
 bool fillWindow(const dwarf::Plan& p, const Step* from, const Step* to, Window& w, bool tail, unsigned limit) {
     uint8_t* shuffle = tail ? w.tail : w.head;
-    uint16_t& leb = tail ? w.tailLeb : w.headLeb;
+    uint32_t& leb = tail ? w.tailLeb : w.headLeb;
     uint8_t& size = tail ? w.tailSize : w.headSize;
     for (unsigned i = 0; i < 16; ++i) shuffle[i] = static_cast<uint8_t>(i);
     for (const Step* s = from; s != to; ++s) {
         if (s->kind == Step::Leb) {
             if (size + 1u > limit) return false;
-            leb = static_cast<uint16_t>(leb | 1u << size);
+            leb |= 1u << size;
             ++size;
             continue;
         }
@@ -376,7 +381,6 @@ bool fillWindow(const dwarf::Plan& p, const Step* from, const Step* to, Window& 
             if (r.width != 4 || w.words >= 4) {
                 w.words = 0xfe;
             } else {
-                w.inTail = static_cast<uint8_t>(w.inTail | (tail ? 1u : 0u) << w.words);
                 w.word[w.words++] = static_cast<uint8_t>(at);
             }
         }
@@ -385,7 +389,8 @@ bool fillWindow(const dwarf::Plan& p, const Step* from, const Step* to, Window& 
     return true;
 }
 
-void makeWindow(Window& w, const dwarf::Plan& p, bool children) {
+// In place, entries whose fields are not four words or fewer are refused.
+void makeWindow(Window& w, const dwarf::Plan& p, bool children, bool inPlace) {
     w = Window{};
     w.words = 0;
     const Step* begin = p.steps.data();
@@ -399,17 +404,20 @@ void makeWindow(Window& w, const dwarf::Plan& p, bool children) {
     w.headSize = 1;  // the code
     if (split == end) {
         if (!fillWindow(p, begin, end, w, false, 16)) return;
+        w.headWords = w.words;
         w.kind = Window::One;
     } else {
         // The head leaves room for an expression of up to three bytes and
         // its length in the first window.
         if (split->width != 0 || !split->expression ||
-            !fillWindow(p, begin, split, w, false, 12) ||
-            !fillWindow(p, split + 1, end, w, true, 16))
+            !fillWindow(p, begin, split, w, false, 12))
             return;
+        w.headWords = w.words;
+        if (!fillWindow(p, split + 1, end, w, true, 16)) return;
         w.kind = Window::Two;
     }
     w.depth = children ? 1 : 0;
+    if (!inPlace || w.words <= 4) w.headLeb &= ~Window::kRefuse;
 }
 
 // The abbreviations with one-byte codes of the table a unit uses, for the
@@ -419,6 +427,7 @@ struct QuickTable {
     const CDwarfAbbrevTable* table = nullptr;
     uint32_t key = 0;
     bool windows = false;  // whether to make the windows too
+    bool inPlace = false;  // and whether they convert in place
     std::vector<dwarf::Quick> entries;
     std::vector<Window> window;
 
@@ -434,6 +443,7 @@ struct QuickTable {
             window[0].headSize = 1;
             window[0].depth = -1;
             window[0].words = 0;
+            window[0].headLeb = 0;
             for (unsigned i = 0; i < 16; ++i) window[0].head[i] = static_cast<uint8_t>(i);
         }
         for (uint32_t code = 1; code < 0x80; ++code) {
@@ -444,7 +454,7 @@ struct QuickTable {
             q.children = e->m_bHasChildren;
             const dwarf::Plan& plan = planOf(*e, u);
             shape(q, plan);
-            if (windows) makeWindow(window[code], plan, e->m_bHasChildren);
+            if (windows) makeWindow(window[code], plan, e->m_bHasChildren, inPlace);
         }
         return entries;
     }
@@ -640,12 +650,38 @@ constexpr std::array<uint8_t, 256> kOneOperation = [] {
     return (v & 0x7f) + ((v >> 7) & (e[1] >> 7));
 }
 
-// What the loop of a lane keeps in registers: its position, the end of its
-// unit, its windows and the depth of its entry tree.
+// Reverses the first `count` (at most four) 4-byte words at the offsets from
+// `base` packed a byte each in `at`, the first in the low byte.
+[[gnu::always_inline]] inline void reverseWords(uint8_t* base, uint32_t at, unsigned count) {
+    auto word = [&](unsigned k) {
+        uint8_t* p = base + ((at >> 8 * k) & 0xff);
+        storeRaw(p, bswap32(loadRaw<uint32_t>(p)));
+    };
+    // Most entries have one word or none.
+    if (count == 0) return;
+    word(0);
+    if (count == 1) return;
+    word(1);
+    if (count == 2) return;
+    word(2);
+    if (count == 3) return;
+    word(3);
+}
+
+// What the loop of a lane keeps in registers: its position and the depth
+// of its entry tree (the two values each entry carries to the next).
 struct Hot {
-    size_t pos, end;
-    const Window* window;
+    size_t pos;
     ptrdiff_t depth;
+};
+
+// What the loop reads of a lane's unit: the end and the windows of its
+// table (none when no unit is left). They stay in memory: with two lanes
+// there are not registers enough for all, and these are not carried from
+// one entry to the next.
+struct UnitView {
+    size_t end = 0;
+    const Window* window = nullptr;
 };
 
 // One entry through its windows; false (nothing done) when it does not fit
@@ -654,17 +690,23 @@ struct Hot {
 // window's start, or the entry that ends the unit's tree. All is checked
 // before the first byte is written.
 template <dwarf::Buffers B>
-[[gnu::target("ssse3"), gnu::always_inline]] inline bool windowEntry(Hot& h, const uint8_t* src, uint8_t* dst) {
+[[gnu::target("ssse3"), gnu::always_inline]] inline bool windowEntry(Hot& h, const UnitView& unit,
+                                                                    const uint8_t* src, uint8_t* dst) {
     constexpr bool inPlace = B == dwarf::Buffers::Same;
     // The windows stay inside the unit: reading the next unit's bytes in
     // place would wait on the stores of the lane converting it.
-    const size_t room = h.end - h.pos;
+    // The unit's end and windows are read from memory each time (see
+    // UnitView).
+    const volatile UnitView& view = unit;
+    const size_t room = view.end - h.pos;
     if (room < 16) return false;
     const uint8_t* s = src + h.pos;
-    const Window& w = h.window[s[0]];
+    const Window& w = view.window[s[0]];
     const __m128i head = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
-    if ((_mm_movemask_epi8(head) & w.headLeb) | (h.depth + w.depth <= 0) | (w.kind == Window::None)) return false;
-    uint8_t* d = dst + h.pos;
+    const ptrdiff_t depth = h.depth + w.depth;
+    if ((static_cast<uint32_t>(_mm_movemask_epi8(head)) | Window::kRefuse) & w.headLeb) return false;
+    if (depth <= 0) return false;
+    uint8_t* d = inPlace ? const_cast<uint8_t*>(s) : dst + h.pos;
     size_t size = w.headSize, tail = 0;
     if (w.kind == Window::Two) {
         const size_t length = s[size];
@@ -685,74 +727,78 @@ template <dwarf::Buffers B>
     }
     if constexpr (inPlace) {
         // Only the reversed fields are stored: a whole window stored back
-        // would hold up the next entry's load of bytes in it.
-        if (w.words > 4) return false;
-        auto word = [&](unsigned k) {
-            uint8_t* p = d + w.word[k] + (tail & (0 - static_cast<size_t>((w.inTail >> k) & 1)));
-            storeRaw(p, bswap32(loadRaw<uint32_t>(p)));
-        };
-        for (unsigned k = 0; k < w.words; ++k) word(k);
+        // would hold up the next entry's load of bytes in it. The window's
+        // fields are read before the first store (a store through a byte
+        // pointer could otherwise change them).
+        const uint32_t at = loadRaw<uint32_t>(w.word);
+        const unsigned words = w.words, headWords = w.headWords;
+        if (tail) {
+            reverseWords(d, at, headWords);
+            reverseWords(d + tail, at >> 8 * headWords, words - headWords);
+        } else {
+            reverseWords(d, at, words);
+        }
     } else if (!tail) {
         _mm_storeu_si128(reinterpret_cast<__m128i*>(d),
                          _mm_shuffle_epi8(head, _mm_load_si128(reinterpret_cast<const __m128i*>(w.head))));
     }
     h.pos += size;
-    h.depth += w.depth;
+    h.depth = depth;
     return true;
 }
 
-// A lane with what its loop keeps in registers.
+// A lane: its walk, the windows of its unit's table, and where the loop
+// left it.
 template <dwarf::Buffers B>
 struct WindowLane {
     Lane<B> lane;
     QuickTable quick;
-    Hot hot{};
+    UnitView unit;
+    Hot at{};
 
-    explicit WindowLane(const Lane<B>& l) : lane(l) { quick.windows = true; }
+    explicit WindowLane(const Lane<B>& l) : lane(l) {
+        quick.windows = true;
+        quick.inPlace = B == dwarf::Buffers::Same;
+    }
 
-    void load() { hot = Hot{lane.c.pos(), lane.c.end(), lane.window, lane.depth}; }
-    // The next unit, from `next` on: false when none is left. Units that
-    // end at their header (or take the rest of the section) are passed.
-    bool claim(const CursorPair& whole, size_t& next) {
-        while (next < whole.size()) {
+    void load() {
+        unit = UnitView{lane.c.end(), lane.inUnit ? lane.window : nullptr};
+        at = Hot{lane.c.pos(), lane.depth};
+    }
+    // The next unit, from `next` on. Units that end at their header (or
+    // take the rest of the section) are passed.
+    void claim(const CursorPair& whole, size_t& next) {
+        lane.inUnit = false;
+        while (next < whole.size() && !lane.inUnit) {
             lane = startUnit(Lane<B>(whole, next, whole.size(), lane.types), quick);
             next = lane.inUnit ? lane.c.end() : lane.c.pos();
-            if (lane.inUnit) {
-                load();
-                return true;
-            }
         }
-        return false;
+        load();
     }
     // One entry the windows do not take, by the general walk; then the next
-    // unit when this one has ended. False when no unit is left.
-    [[gnu::noinline]] bool general(const CursorPair& whole, size_t& next) {
-        lane.c.Handled(hot.pos - lane.c.pos());
-        lane.depth = hot.depth;
+    // unit when this one has ended (no windows when none is left).
+    [[gnu::noinline]] void general(const CursorPair& whole, size_t& next) {
+        lane.c.Handled(at.pos - lane.c.pos());
+        lane.depth = at.depth;
         swap_dwarf_entry(lane);
-        if (!lane.inUnit) return claim(whole, next);
-        load();
-        return true;
+        if (lane.inUnit)
+            load();
+        else
+            claim(whole, next);
     }
 };
-
-// One entry of a lane, through its windows or else the general walk; false
-// when the lane's unit has ended and no unit is left for it.
-template <dwarf::Buffers B>
-[[gnu::target("ssse3"), gnu::always_inline]] inline bool step(Hot& h, WindowLane<B>& l, const CursorPair& whole,
-                                                             size_t& next) {
-    if (windowEntry<B>(h, whole.source(), whole.destination())) return true;
-    l.hot = h;
-    if (!l.general(whole, next)) return false;
-    h = l.hot;
-    return true;
-}
 
 // A lane alone, to the end of its last unit.
 template <dwarf::Buffers B>
 [[gnu::target("ssse3")]] void alone(WindowLane<B>& l, const CursorPair& whole, size_t& next) {
-    Hot h = l.hot;
-    while (step(h, l, whole, next)) {
+    while (l.unit.window) {
+        const uint8_t* const src = whole.source();
+        uint8_t* const dst = whole.destination();
+        Hot h = l.at;
+        while (windowEntry<B>(h, l.unit, src, dst)) {
+        }
+        l.at = h;
+        l.general(whole, next);
     }
 }
 
@@ -765,19 +811,31 @@ template <dwarf::Buffers B>
     const Lane<B> idle(whole, 0, 0, types);
     WindowLane<B> a(idle), b(idle);
     size_t next = 0;
-    if (!a.claim(whole, next)) return;
-    if (!b.claim(whole, next)) return alone(a, whole, next);
-    Hot ha = a.hot, hb = b.hot;
-    for (;;) {
-        if (!step(ha, a, whole, next)) {
-            b.hot = hb;
-            return alone(b, whole, next);
+    a.claim(whole, next);
+    b.claim(whole, next);
+    while (a.unit.window && b.unit.window) {
+        // The loop of windows makes no call, and nothing it keeps in
+        // registers lives across the general walk's: both lanes' positions
+        // and depths can stay in registers.
+        const uint8_t* const src = whole.source();
+        uint8_t* const dst = whole.destination();
+        Hot ha = a.at, hb = b.at;
+        WindowLane<B>* slow;
+        for (;;) {
+            if (!windowEntry<B>(ha, a.unit, src, dst)) {
+                slow = &a;
+                break;
+            }
+            if (!windowEntry<B>(hb, b.unit, src, dst)) {
+                slow = &b;
+                break;
+            }
         }
-        if (!step(hb, b, whole, next)) {
-            a.hot = ha;
-            return alone(a, whole, next);
-        }
+        a.at = ha;
+        b.at = hb;
+        slow->general(whole, next);
     }
+    alone(a.unit.window ? a : b, whole, next);
 }
 #endif
 
