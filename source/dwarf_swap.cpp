@@ -348,6 +348,11 @@ struct alignas(16) Window {
     uint32_t headLeb = kRefuse;
     uint32_t tailLeb = 0;
     uint8_t headSize = 0, tailSize = 0;
+    // An entry of two windows: the length of expression its last entry had
+    // (so that the walk can step over the entry before it has read the
+    // length, and checks it after), and the entry's size with it.
+    uint8_t length = 2;
+    uint8_t size = 0;
     Kind kind = None;  // None: refused
     int8_t depth = 0;  // +1: has children; -1: the end of a list of children
     // In place the fields are reversed one by one (a whole window stored
@@ -417,6 +422,7 @@ void makeWindow(Window& w, const dwarf::Plan& p, bool children, bool inPlace) {
         w.kind = Window::Two;
     }
     w.depth = children ? 1 : 0;
+    w.size = static_cast<uint8_t>(w.kind == Window::Two ? w.headSize + 1 + w.length + w.tailSize : w.headSize);
     if (!inPlace || w.words <= 4) w.headLeb &= ~Window::kRefuse;
 }
 
@@ -441,6 +447,7 @@ struct QuickTable {
             window.assign(0x100, Window{});  // codes of two bytes and more: None
             window[0].kind = Window::One;
             window[0].headSize = 1;
+            window[0].size = 1;
             window[0].depth = -1;
             window[0].words = 0;
             window[0].headLeb = 0;
@@ -707,11 +714,19 @@ template <dwarf::Buffers B>
     if ((static_cast<uint32_t>(_mm_movemask_epi8(head)) | Window::kRefuse) & w.headLeb) return false;
     if (depth <= 0) return false;
     uint8_t* d = inPlace ? const_cast<uint8_t*>(s) : dst + h.pos;
-    size_t size = w.headSize, tail = 0;
+    size_t size = w.size, tail = 0;
     if (w.kind == Window::Two) {
-        const size_t length = s[size];
-        if (length - 1 > 2 || oneOperationLength(s + size + 1) != length) return false;
-        tail = size + 1 + length;
+        const size_t length = s[w.headSize];
+        if (length != w.length) [[unlikely]] {
+            if (length - 1 > 2) return false;
+            // The abbreviation's entries now have expressions of this length.
+            Window& learn = const_cast<Window&>(w);
+            learn.length = static_cast<uint8_t>(length);
+            learn.size = static_cast<uint8_t>(w.headSize + 1 + length + w.tailSize);
+            size = learn.size;
+        }
+        if (oneOperationLength(s + w.headSize + 1) != length) return false;
+        tail = size - w.tailSize;
         if (room < tail + 16) return false;
         const __m128i t = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + tail));
         if (_mm_movemask_epi8(t) & w.tailLeb) return false;
@@ -723,7 +738,6 @@ template <dwarf::Buffers B>
             _mm_storeu_si128(reinterpret_cast<__m128i*>(d + tail),
                              _mm_shuffle_epi8(t, _mm_load_si128(reinterpret_cast<const __m128i*>(w.tail))));
         }
-        size = tail + w.tailSize;
     }
     if constexpr (inPlace) {
         // Only the reversed fields are stored: a whole window stored back
