@@ -350,9 +350,8 @@ struct alignas(16) Window {
     uint8_t headSize = 0, tailSize = 0;
     // An entry of two windows: the length of expression its last entry had
     // (so that the walk can step over the entry before it has read the
-    // length, and checks it after), and the entry's size with it.
+    // length, and checks it after).
     uint8_t length = 2;
-    uint8_t size = 0;
     Kind kind = None;  // None: refused
     int8_t depth = 0;  // +1: has children; -1: the end of a list of children
     // In place the fields are reversed one by one (a whole window stored
@@ -422,8 +421,12 @@ void makeWindow(Window& w, const dwarf::Plan& p, bool children, bool inPlace) {
         w.kind = Window::Two;
     }
     w.depth = children ? 1 : 0;
-    w.size = static_cast<uint8_t>(w.kind == Window::Two ? w.headSize + 1 + w.length + w.tailSize : w.headSize);
     if (!inPlace || w.words <= 4) w.headLeb &= ~Window::kRefuse;
+}
+
+// The size of the abbreviation's entries, as far as the windows know it.
+uint8_t expectedSize(const Window& w) {
+    return static_cast<uint8_t>(w.kind == Window::Two ? w.headSize + 1 + w.length + w.tailSize : w.headSize);
 }
 
 // The abbreviations with one-byte codes of the table a unit uses, for the
@@ -436,6 +439,10 @@ struct QuickTable {
     bool inPlace = false;  // and whether they convert in place
     std::vector<dwarf::Quick> entries;
     std::vector<Window> window;
+    // The expected sizes of the windows' entries on their own: the walk
+    // steps from entry to entry by one byte load from here (a shorter
+    // chain than through the windows' rows).
+    std::vector<uint8_t> sizes;
 
     const std::vector<dwarf::Quick>& of(const CDwarfAbbrevTable& t, const Unit& u) {
         if (table == &t && key == u.key()) return entries;
@@ -447,11 +454,12 @@ struct QuickTable {
             window.assign(0x100, Window{});  // codes of two bytes and more: None
             window[0].kind = Window::One;
             window[0].headSize = 1;
-            window[0].size = 1;
             window[0].depth = -1;
             window[0].words = 0;
             window[0].headLeb = 0;
             for (unsigned i = 0; i < 16; ++i) window[0].head[i] = static_cast<uint8_t>(i);
+            sizes.assign(0x100, 0);
+            sizes[0] = 1;
         }
         for (uint32_t code = 1; code < 0x80; ++code) {
             const CDwarfAbbrevEntry* e = t.find(code);
@@ -461,7 +469,10 @@ struct QuickTable {
             q.children = e->m_bHasChildren;
             const dwarf::Plan& plan = planOf(*e, u);
             shape(q, plan);
-            if (windows) makeWindow(window[code], plan, e->m_bHasChildren, inPlace);
+            if (windows) {
+                makeWindow(window[code], plan, e->m_bHasChildren, inPlace);
+                sizes[code] = expectedSize(window[code]);
+            }
         }
         return entries;
     }
@@ -527,7 +538,6 @@ template <dwarf::Buffers B>
 struct Lane {
     dwarf::BasicCursorPair<B> c;
     const dwarf::Quick* quick = nullptr;
-    const Window* window = nullptr;
     const CDwarfAbbrevTable* table = nullptr;
     Unit u;
     ptrdiff_t depth = 0;
@@ -567,7 +577,6 @@ template <dwarf::Buffers B>
         return l;
     }
     l.quick = quickTable.of(*l.table, l.u).data();
-    l.window = quickTable.window.data();
     l.depth = 0;
     l.inUnit = true;
     return l;
@@ -688,7 +697,8 @@ struct Hot {
 // one entry to the next.
 struct UnitView {
     size_t end = 0;
-    const Window* window = nullptr;
+    Window* window = nullptr;
+    uint8_t* sizes = nullptr;
 };
 
 // One entry through its windows; false (nothing done) when it does not fit
@@ -708,22 +718,23 @@ template <dwarf::Buffers B>
     const size_t room = view.end - h.pos;
     if (room < 16) return false;
     const uint8_t* s = src + h.pos;
-    const Window& w = view.window[s[0]];
+    const uint8_t code = s[0];
+    uint8_t* const sizes = view.sizes;
+    size_t size = sizes[code];
+    Window& w = view.window[code];
     const __m128i head = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
     const ptrdiff_t depth = h.depth + w.depth;
     if ((static_cast<uint32_t>(_mm_movemask_epi8(head)) | Window::kRefuse) & w.headLeb) return false;
     if (depth <= 0) return false;
     uint8_t* d = inPlace ? const_cast<uint8_t*>(s) : dst + h.pos;
-    size_t size = w.size, tail = 0;
+    size_t tail = 0;
     if (w.kind == Window::Two) {
         const size_t length = s[w.headSize];
         if (length != w.length) [[unlikely]] {
             if (length - 1 > 2) return false;
             // The abbreviation's entries now have expressions of this length.
-            Window& learn = const_cast<Window&>(w);
-            learn.length = static_cast<uint8_t>(length);
-            learn.size = static_cast<uint8_t>(w.headSize + 1 + length + w.tailSize);
-            size = learn.size;
+            w.length = static_cast<uint8_t>(length);
+            size = sizes[code] = expectedSize(w);
         }
         if (oneOperationLength(s + w.headSize + 1) != length) return false;
         tail = size - w.tailSize;
@@ -776,7 +787,7 @@ struct WindowLane {
     }
 
     void load() {
-        unit = UnitView{lane.c.end(), lane.inUnit ? lane.window : nullptr};
+        unit = UnitView{lane.c.end(), lane.inUnit ? quick.window.data() : nullptr, quick.sizes.data()};
         at = Hot{lane.c.pos(), lane.depth};
     }
     // The next unit, from `next` on. Units that end at their header (or
