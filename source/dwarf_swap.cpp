@@ -691,12 +691,13 @@ struct Hot {
     ptrdiff_t depth;
 };
 
-// What the loop reads of a lane's unit: the end and the windows of its
-// table (none when no unit is left). They stay in memory: with two lanes
+// What the loop reads of a lane's unit: the last position at which a
+// window fits in it, and the windows of its table (none when no unit is
+// left). They stay in memory: with two lanes
 // there are not registers enough for all, and these are not carried from
 // one entry to the next.
 struct UnitView {
-    size_t end = 0;
+    size_t last = 0;  // 0 when the unit is shorter: entries start after its header
     Window* window = nullptr;
     uint8_t* sizes = nullptr;
 };
@@ -715,8 +716,8 @@ template <dwarf::Buffers B>
     // The unit's end and windows are read from memory each time (see
     // UnitView).
     const volatile UnitView& view = unit;
-    const size_t room = view.end - h.pos;
-    if (room < 16) return false;
+    const size_t last = view.last;
+    if (h.pos > last) return false;
     const uint8_t* s = src + h.pos;
     const uint8_t code = s[0];
     uint8_t* const sizes = view.sizes;
@@ -738,7 +739,7 @@ template <dwarf::Buffers B>
         }
         if (oneOperationLength(s + w.headSize + 1) != length) return false;
         tail = size - w.tailSize;
-        if (room < tail + 16) return false;
+        if (h.pos + tail > last) return false;
         const __m128i t = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + tail));
         if (_mm_movemask_epi8(t) & w.tailLeb) return false;
         if constexpr (!inPlace) {
@@ -787,7 +788,8 @@ struct WindowLane {
     }
 
     void load() {
-        unit = UnitView{lane.c.end(), lane.inUnit ? quick.window.data() : nullptr, quick.sizes.data()};
+        const size_t end = lane.c.end();
+        unit = UnitView{end >= 16 ? end - 16 : 0, lane.inUnit ? quick.window.data() : nullptr, quick.sizes.data()};
         at = Hot{lane.c.pos(), lane.depth};
     }
     // The next unit, from `next` on. Units that end at their header (or
