@@ -702,6 +702,40 @@ struct UnitView {
     uint8_t* sizes = nullptr;
 };
 
+// Bytes 0 to 15 at their place, then 0x80: from `16 - n` on, the shuffle
+// that moves the last n bytes of a window to its front and clears the rest.
+constexpr std::array<uint8_t, 32> kToFront = [] {
+    std::array<uint8_t, 32> t{};
+    for (size_t i = 0; i < 32; ++i) t[i] = static_cast<uint8_t>(i < 16 ? i : 0x80);
+    return t;
+}();
+
+// In place, an entry of one window among the last 15 bytes of its unit:
+// the window is the unit's last 16 bytes moved to the front, so that
+// nothing past the unit is read; the entry must end inside the unit. A
+// unit shorter than a window has none. False (nothing done) as for the
+// windows.
+[[gnu::target("ssse3"), gnu::always_inline]] inline bool unitTailEntry(Hot& h, Window* window, const uint8_t* sizes,
+                                                                      size_t last, uint8_t* buffer) {
+    const size_t end = last + 16;
+    if (last == 0 || h.pos >= end) return false;
+    const size_t left = end - h.pos;
+    uint8_t* d = buffer + h.pos;
+    const uint8_t code = d[0];
+    const size_t size = sizes[code];
+    const Window& w = window[code];
+    const ptrdiff_t depth = h.depth + w.depth;
+    if (w.kind != Window::One || size > left || depth <= 0) return false;
+    const __m128i head =
+        _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(buffer + end - 16)),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(kToFront.data() + 16 - left)));
+    if ((static_cast<uint32_t>(_mm_movemask_epi8(head)) | Window::kRefuse) & w.headLeb) return false;
+    reverseWords(d, loadRaw<uint32_t>(w.word), w.words);
+    h.pos += size;
+    h.depth = depth;
+    return true;
+}
+
 // One entry through its windows; false (nothing done) when it does not fit
 // them: another kind of abbreviation, a LEB128 of more bytes, an expression
 // that needs walking, fewer than 16 bytes left in the unit after a
@@ -717,7 +751,11 @@ template <dwarf::Buffers B>
     // UnitView).
     const volatile UnitView& view = unit;
     const size_t last = view.last;
-    if (h.pos > last) return false;
+    if (h.pos > last) [[unlikely]] {
+        if constexpr (inPlace)
+            return unitTailEntry(h, view.window, view.sizes, last, const_cast<uint8_t*>(src));
+        return false;
+    }
     const uint8_t* s = src + h.pos;
     const uint8_t code = s[0];
     uint8_t* const sizes = view.sizes;
