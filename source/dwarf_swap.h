@@ -14,11 +14,12 @@ struct AbbrevBytes {
     size_t size;
 };
 
-// How .debug_info is walked: Fast converts two units at a time, taking the
-// common entries through precomputed windows where the processor allows;
-// OneUnit is the plain walk, one unit and one value after another, which
-// Fast must match byte for byte.
-enum class Walk { Fast, OneUnit };
+// How .debug_info is walked. Windows converts two units at a time, taking
+// the common entries through windows prepared per abbreviation, where the
+// processor allows; OneUnit is the plain walk, one unit and one value after
+// another, which Windows must match byte for byte. Fast takes Windows for
+// sections large enough to repay preparing the windows, OneUnit below.
+enum class Walk { Fast, Windows, OneUnit };
 
 // Converts the `size` bytes of a .debug_info, .debug_types or .debug_line* section from
 // src into dst (equal or disjoint). srcNative: src holds host order. The

@@ -356,9 +356,9 @@ void expectManyUnits(const Sections& stored, const Sections& expected, const std
         const tamo::AbbrevBytes a{abbrev->data(), abbrev->size()};
         Bytes inPlace = big, out(big.size());
         tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
-                           reinterpret_cast<char*>(inPlace.data()), big.size(), nullptr, false, &a);
+                           reinterpret_cast<char*>(inPlace.data()), big.size(), nullptr, false, &a, tamo::Walk::Windows);
         tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(big.data()), reinterpret_cast<char*>(out.data()),
-                           big.size(), nullptr, false, &a);
+                           big.size(), nullptr, false, &a, tamo::Walk::Windows);
         EXPECT_TRUE(inPlace == little && out == little) << what << ": many units";
         return;
     }
