@@ -692,12 +692,14 @@ struct Hot {
 };
 
 // What the loop reads of a lane's unit: the last position at which a
-// window fits in it, and the windows of its table (none when no unit is
-// left). They stay in memory: with two lanes
-// there are not registers enough for all, and these are not carried from
-// one entry to the next.
+// window fits in it (0 when none does: entries start after the unit's
+// header), the windows of its table (none when no unit is left) and their
+// entries' sizes. The loop reads them from memory for every entry (through
+// a volatile view): with two lanes there are not registers enough for all,
+// and these, unlike the position, are not carried from one entry to the
+// next.
 struct UnitView {
-    size_t last = 0;  // 0 when the unit is shorter: entries start after its header
+    size_t last = 0;
     Window* window = nullptr;
     uint8_t* sizes = nullptr;
 };
@@ -739,16 +741,16 @@ constexpr std::array<uint8_t, 32> kToFront = [] {
 // One entry through its windows; false (nothing done) when it does not fit
 // them: another kind of abbreviation, a LEB128 of more bytes, an expression
 // that needs walking, fewer than 16 bytes left in the unit after a
-// window's start, or the entry that ends the unit's tree. All is checked
-// before the first byte is written.
+// window's start (in place, unitTailEntry then takes entries of one
+// window), or the entry that ends the unit's tree. All is checked before
+// the first byte is written.
 template <dwarf::Buffers B>
 [[gnu::target("ssse3"), gnu::always_inline]] inline bool windowEntry(Hot& h, const UnitView& unit,
                                                                     const uint8_t* src, uint8_t* dst) {
     constexpr bool inPlace = B == dwarf::Buffers::Same;
     // The windows stay inside the unit: reading the next unit's bytes in
     // place would wait on the stores of the lane converting it.
-    // The unit's end and windows are read from memory each time (see
-    // UnitView).
+    // What the loop knows of the unit is read from memory (see UnitView).
     const volatile UnitView& view = unit;
     const size_t last = view.last;
     if (h.pos > last) [[unlikely]] {
