@@ -79,13 +79,11 @@ int DataDesc::initialize() {
         const int64_t from = m_readFrom;
         m_readFrom = -1;
         // From the buffer the chunk was read into (the source is not
-        // changed); a chunk that cannot be converted goes as it was read.
+        // changed).
         auto convert = [](const uint8_t* from, uint8_t* to, size_t n, const void* plan) {
             const SwapPlan& sp = *static_cast<const SwapPlan*>(plan);
-            if (ByteSwap::swapBlock(reinterpret_cast<char*>(const_cast<uint8_t*>(from)), reinterpret_cast<char*>(to),
-                                    sp.type, n / unitSize(sp.type), sp.srcNative) < 0 &&
-                from != to)
-                std::memcpy(to, from, n);
+            return ByteSwap::swapBlock(reinterpret_cast<char*>(const_cast<uint8_t*>(from)),
+                                       reinterpret_cast<char*>(to), sp.type, n / unitSize(sp.type), sp.srcNative) >= 0;
         };
         // Chunks are whole records, so a partial record at the end stays as
         // it is, as p.count says.

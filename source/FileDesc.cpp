@@ -139,7 +139,7 @@ ssize_t readFully(int fd, void* buf, size_t n) { return readLoop(fd, buf, n, -1)
 ssize_t preadFully(int fd, void* buf, size_t n, int64_t off) { return off < 0 ? -1 : readLoop(fd, buf, n, off); }
 
 bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit,
-                 void (*convert)(const uint8_t*, uint8_t*, size_t, const void*), const void* context) {
+                 bool (*convert)(const uint8_t*, uint8_t*, size_t, const void*), const void* context) {
     if (!seekSet(fd, at, "Elf_Scn::initialize")) return false;
     // A chunk to convert is read into a buffer of the thread's own, small
     // enough to stay in the second-level cache, and converted from there
@@ -149,8 +149,11 @@ bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit,
     constexpr size_t kChunk = size_t{512} << 10;
     const size_t chunk = convert ? (unit < kChunk ? kChunk / unit * unit : unit) : n;
     static thread_local std::unique_ptr<uint8_t[]> bounce;
-    if (convert && chunk <= kChunk && !bounce) bounce.reset(new (std::nothrow) uint8_t[kChunk]);
-    uint8_t* const through = convert && chunk <= kChunk ? bounce.get() : nullptr;
+    uint8_t* through = nullptr;  // without it, chunks are read and converted in place
+    if (convert && chunk <= kChunk) {
+        if (!bounce) bounce.reset(new (std::nothrow) uint8_t[kChunk]);
+        through = bounce.get();
+    }
     for (size_t done = 0; done < n;) {
         const size_t want = n - done < chunk ? n - done : chunk;
         uint8_t* const into = through ? through : buf + done;
@@ -160,10 +163,10 @@ bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit,
             return false;
         }
         if (convert) {
-            convert(into, buf + done, want, context);
-            // A partial record at the end stays as it is.
-            const size_t records = want / unit * unit;
-            if (through) std::memcpy(buf + done + records, into + records, want - records);
+            // What is not converted (a partial record at the end, or a
+            // chunk the conversion refuses) stays as it was read.
+            const size_t converted = convert(into, buf + done, want, context) ? want / unit * unit : 0;
+            if (through) std::memcpy(buf + done + converted, into + converted, want - converted);
         }
         done += want;
     }

@@ -67,10 +67,11 @@ ssize_t preadFully(int fd, void* buf, size_t n, int64_t off);
 // Reads exactly n bytes at offset `at` (seeking there first) into buf; false
 // with the code set when the file has fewer or a read fails. With `convert`,
 // each chunk is handed to it (where it was read, where it goes, length)
-// while still in cache, right after it was read; chunks are a whole number
-// of `unit` bytes, and `convert` writes every byte of them. The two places
-// may be one.
+// while still in cache, right after it was read; the two places may be
+// one. Chunks are a whole number of `unit` bytes except the last; `convert`
+// writes every whole record of them, or returns false having written none.
+// Bytes it does not write are as they were read.
 bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit = 1,
-                 void (*convert)(const uint8_t*, uint8_t*, size_t, const void*) = nullptr, const void* context = nullptr);
+                 bool (*convert)(const uint8_t*, uint8_t*, size_t, const void*) = nullptr, const void* context = nullptr);
 
 }  // namespace tamo

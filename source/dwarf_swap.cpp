@@ -357,7 +357,7 @@ struct alignas(16) Window {
     // In place the fields are reversed one by one (a whole window stored
     // back would stall the next entry's load): up to four words, at these
     // offsets from the head window (the first headWords) or the tail window.
-    uint8_t words = 0xff;  // above 4: the fields are not four words or fewer
+    uint8_t words = 0;  // above 4: the fields are not four words or fewer
     uint8_t headWords = 0;
     uint8_t word[4] = {};
 };
@@ -396,7 +396,6 @@ bool fillWindow(const dwarf::Plan& p, const Step* from, const Step* to, Window& 
 // In place, entries whose fields are not four words or fewer are refused.
 void makeWindow(Window& w, const dwarf::Plan& p, bool children, bool inPlace) {
     w = Window{};
-    w.words = 0;
     const Step* begin = p.steps.data();
     const Step* end = begin + p.steps.size();
     const Step* split = end;
@@ -455,7 +454,6 @@ struct QuickTable {
             window[0].kind = Window::One;
             window[0].headSize = 1;
             window[0].depth = -1;
-            window[0].words = 0;
             window[0].headLeb = 0;
             for (unsigned i = 0; i < 16; ++i) window[0].head[i] = static_cast<uint8_t>(i);
             sizes.assign(0x100, 0);
