@@ -757,6 +757,10 @@ template <dwarf::Buffers B>
         return false;
     }
     const uint8_t* s = src + h.pos;
+    // The chain of entries would wait on each new cache line of the unit;
+    // asking for the line 384 bytes on (about 50 entries) keeps ahead of it.
+    // A prefetch never faults, so the address may lie past the section.
+    _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(s) + 384), _MM_HINT_T0);
     const uint8_t code = s[0];
     uint8_t* const sizes = view.sizes;
     size_t size = sizes[code];
