@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <type_traits>
 
 namespace tool {
 
@@ -282,6 +283,17 @@ const Section* Object::section(size_t index) const {
     return index < sections.size() && sections[index].index == index ? &sections[index] : nullptr;
 }
 
+void Object::dropContent() {
+    // Assigning {} would keep the vectors' capacity.
+    auto release = [](auto& v) { std::decay_t<decltype(v)>().swap(v); };
+    release(sections);
+    release(symbols);
+    release(relocations);
+    release(lines);
+    release(coff);
+    release(dwarf);
+}
+
 bool Survey::clean() const {
     if (!archive) return object.problems.empty();
     if (!ar.problems.empty()) return false;
@@ -337,6 +349,7 @@ Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool 
                                              std::to_string(bytes.size()) + " bytes)",
                                          "the library reads the missing bytes as zeros" + unlisted));
 
+    o.sections.reserve(held);  // at most one per header the file holds
     for (size_t i = 0; i < held; ++i) {
         Section s;
         s.index = i;
@@ -387,7 +400,7 @@ Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool 
 
 namespace {
 
-Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool convert) {
+Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool convert, Keep keep) {
     Survey r;
     r.archive = true;
     Archive& a = r.ar;
@@ -446,6 +459,7 @@ Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool c
         const Bytes data(bytes.begin() + lm.dataOffset, bytes.begin() + lm.dataOffset + lm.size);
         m.isObject = true;
         m.object = surveyObject(e, path + "(" + m.name + ")", data, convert);
+        if (keep == Keep::Problems) m.object.dropContent();
         tamo_elf_end(e);
         a.members.push_back(std::move(m));
     }
@@ -464,7 +478,7 @@ Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool c
 
 }  // namespace
 
-Survey surveyFile(const std::string& path, bool convert) {
+Survey surveyFile(const std::string& path, bool convert, Keep keep) {
     const Bytes bytes = readFile(path);
     const int fd = tamo_elf_open(path.c_str(), O_RDONLY, 0);
     if (fd < 0) throw Failure(path + ": " + takeLibraryError().describe());
@@ -472,7 +486,7 @@ Survey surveyFile(const std::string& path, bool convert) {
         int fd;
         ~Closer() { tamo_elf_close(fd); }
     } closer{fd};
-    if (isArchive(bytes)) return surveyArchive(path, bytes, fd, convert);
+    if (isArchive(bytes)) return surveyArchive(path, bytes, fd, convert, keep);
     Survey r;
     r.object.file = path;
     r.object.size = bytes.size();
@@ -482,6 +496,7 @@ Survey surveyFile(const std::string& path, bool convert) {
         return r;
     }
     r.object = surveyObject(elf, path, bytes, convert);
+    if (keep == Keep::Problems) r.object.dropContent();
     tamo_elf_end(elf);
     return r;
 }

@@ -95,6 +95,8 @@ struct Object {
     std::vector<Problem> notes;  // worth knowing, not wrong: sections of layouts the tool does not know
 
     const Section* section(size_t index) const;
+    // Gives back everything but the header, size, problems and notes.
+    void dropContent();
 };
 
 struct Member {
@@ -127,10 +129,15 @@ struct Survey {
     bool clean() const;
 };
 
+// What a survey keeps of each object it has read: everything (for info), or
+// only its problems and notes (for check), so that checking an archive holds
+// one member's sections at a time however many members it has.
+enum class Keep { All, Problems };
+
 // Reads a file (object or archive). `convert` also converts every section's
 // data to the file's order and back and checks it comes back (for check).
 // Throws Failure only when the file cannot be opened or is neither.
-Survey surveyFile(const std::string& path, bool convert = false);
+Survey surveyFile(const std::string& path, bool convert = false, Keep keep = Keep::All);
 
 // Reads an object through a descriptor; `bytes` are the object's own bytes
 // (for the parts the library does not interpret: headers of sections it

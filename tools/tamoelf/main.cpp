@@ -55,7 +55,7 @@ int check(const std::vector<std::string>& files) {
     int status = 0;
     for (const std::string& f : files) {
         try {
-            const Survey r = surveyFile(f, /*convert=*/true);
+            const Survey r = surveyFile(f, /*convert=*/true, Keep::Problems);
             printNotes(std::cout, r);
             if (printProblems(std::cout, r) == 0)
                 std::cout << f << ": clean\n";
