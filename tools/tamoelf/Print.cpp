@@ -298,13 +298,7 @@ json objectJson(const Object& o) {
 
 }  // namespace
 
-void printText(std::ostream& out, const Survey& f) {
-    if (!f.archive) {
-        out << "File: " << f.object.file << "\n";
-        if (f.object.header.e_ident[0] == 0x7f) printObject(out, f.object);
-        return;
-    }
-    const Archive& a = f.ar;
+void printArchiveHead(std::ostream& out, const Archive& a) {
     out << "Archive: " << a.file << "\n  Magic:   " << (a.big ? "!<sola>" : "!<elfa>")
         << "\n  Numbers: " << (a.big ? "big" : "little") << " endian\n\nMembers:\n"
         << "  Name                 Date         Uid   Gid   Mode     Size       Header   Data\n";
@@ -318,11 +312,22 @@ void printText(std::ostream& out, const Survey& f) {
     } else {
         out << "\nNo archive symbol table.\n";
     }
-    for (const Member& m : a.members) {
-        if (!m.isObject) continue;
-        out << "\nMember: " << m.name << "\n";
-        printObject(out, m.object);
+}
+
+void printMember(std::ostream& out, const Member& m) {
+    if (!m.isObject) return;
+    out << "\nMember: " << m.name << "\n";
+    printObject(out, m.object);
+}
+
+void printText(std::ostream& out, const Survey& f) {
+    if (!f.archive) {
+        out << "File: " << f.object.file << "\n";
+        if (f.object.header.e_ident[0] == 0x7f) printObject(out, f.object);
+        return;
     }
+    printArchiveHead(out, f.ar);
+    for (const Member& m : f.ar.members) printMember(out, m);
 }
 
 json toJson(const Survey& f) {

@@ -12,6 +12,10 @@
 namespace tool {
 
 void printText(std::ostream& out, const Survey& file);
+// The two parts of an archive's listing, for printing it as it is read:
+// the archive's own parts, then each member's object.
+void printArchiveHead(std::ostream& out, const Archive& archive);
+void printMember(std::ostream& out, const Member& member);
 nlohmann::json toJson(const Survey& file);
 // A document as info --json prints it. Names are the file's bytes: one that
 // is not UTF-8 gets U+FFFD in place of each bad byte.

@@ -400,11 +400,15 @@ Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool 
 
 namespace {
 
-Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool convert, Keep keep) {
+Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool convert, Keep keep,
+                     const SurveyEvents& events) {
     Survey r;
     r.archive = true;
     Archive& a = r.ar;
     a.file = path;
+    auto announce = [&] {
+        if (events.archive) events.archive(a);
+    };
     ArchiveLayout layout;
     bool laidOut = true;
     try {
@@ -419,10 +423,12 @@ Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool c
     Elf* ar = tamo_elf_begin(fd, ELF_C_READ, nullptr);
     if (!ar) {
         a.problems.push_back(libraryProblem("archive", "its members could not be read"));
+        announce();
         return r;
     }
     if (!laidOut) {
         tamo_elf_end(ar);
+        announce();
         return r;
     }
     size_t count = 0;
@@ -430,6 +436,12 @@ Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool c
         for (size_t i = 0; i < count; ++i) a.symbols.push_back({syms[i].as_name, syms[i].as_off, ""});
     }
     clearLibraryError();
+    // The members' headers first, then each member's object: the listing
+    // of the members comes before the objects, and only one object is held
+    // at a time when the caller keeps only problems.
+    auto open = [&](const ArchiveMember& lm) -> Elf* {
+        return tamo_elf_rand(ar, lm.headerOffset) == lm.headerOffset ? tamo_elf_begin(fd, ELF_C_READ, ar) : nullptr;
+    };
     for (const ArchiveMember& lm : layout.members) {
         Member m;
         m.layout = lm;
@@ -456,10 +468,7 @@ Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool c
             m.mode = h->ar_mode;
             m.size = h->ar_size;
         }
-        const Bytes data(bytes.begin() + lm.dataOffset, bytes.begin() + lm.dataOffset + lm.size);
         m.isObject = true;
-        m.object = surveyObject(e, path + "(" + m.name + ")", data, convert);
-        if (keep == Keep::Problems) m.object.dropContent();
         tamo_elf_end(e);
         a.members.push_back(std::move(m));
     }
@@ -471,6 +480,22 @@ Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool c
             a.problems.push_back(toolProblem(
                 "archive symbol table",
                 "symbol " + s.name + " names offset " + std::to_string(s.offset) + ", where no member starts"));
+    announce();
+    for (Member& m : a.members) {
+        if (!m.isObject) continue;
+        const ArchiveMember& lm = m.layout;
+        Elf* e = open(lm);
+        if (!e) {  // read a moment ago
+            m.object.problems.push_back(libraryProblem(
+                "member " + lm.name + " at offset " + std::to_string(lm.headerOffset), "not read again; skipped"));
+            continue;
+        }
+        const Bytes data(bytes.begin() + lm.dataOffset, bytes.begin() + lm.dataOffset + lm.size);
+        m.object = surveyObject(e, path + "(" + m.name + ")", data, convert);
+        tamo_elf_end(e);
+        if (events.member) events.member(m);
+        if (keep == Keep::Problems) m.object.dropContent();
+    }
     tamo_elf_end(ar);
     clearLibraryError();
     return r;
@@ -478,7 +503,7 @@ Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool c
 
 }  // namespace
 
-Survey surveyFile(const std::string& path, bool convert, Keep keep) {
+Survey surveyFile(const std::string& path, bool convert, Keep keep, const SurveyEvents& events) {
     const Bytes bytes = readFile(path);
     const int fd = tamo_elf_open(path.c_str(), O_RDONLY, 0);
     if (fd < 0) throw Failure(path + ": " + takeLibraryError().describe());
@@ -486,7 +511,7 @@ Survey surveyFile(const std::string& path, bool convert, Keep keep) {
         int fd;
         ~Closer() { tamo_elf_close(fd); }
     } closer{fd};
-    if (isArchive(bytes)) return surveyArchive(path, bytes, fd, convert, keep);
+    if (isArchive(bytes)) return surveyArchive(path, bytes, fd, convert, keep, events);
     Survey r;
     r.object.file = path;
     r.object.size = bytes.size();
@@ -496,7 +521,6 @@ Survey surveyFile(const std::string& path, bool convert, Keep keep) {
         return r;
     }
     r.object = surveyObject(elf, path, bytes, convert);
-    if (keep == Keep::Problems) r.object.dropContent();
     tamo_elf_end(elf);
     return r;
 }

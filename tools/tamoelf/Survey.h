@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -129,15 +130,25 @@ struct Survey {
     bool clean() const;
 };
 
-// What a survey keeps of each object it has read: everything (for info), or
-// only its problems and notes (for check), so that checking an archive holds
-// one member's sections at a time however many members it has.
+// What a survey keeps of each archive member's object once read:
+// everything, or only its problems and notes, so that an archive is read
+// holding one member's sections at a time however many members it has.
 enum class Keep { All, Problems };
+
+// Called as an archive is read: `archive` once its own parts are (magic,
+// members' headers, symbol table, its problems), before any member's
+// object; `member` as each member's object has been read, before Keep
+// applies.
+struct SurveyEvents {
+    std::function<void(const Archive&)> archive;
+    std::function<void(const Member&)> member;
+};
 
 // Reads a file (object or archive). `convert` also converts every section's
 // data to the file's order and back and checks it comes back (for check).
 // Throws Failure only when the file cannot be opened or is neither.
-Survey surveyFile(const std::string& path, bool convert = false, Keep keep = Keep::All);
+Survey surveyFile(const std::string& path, bool convert = false, Keep keep = Keep::All,
+                  const SurveyEvents& events = {});
 
 // Reads an object through a descriptor; `bytes` are the object's own bytes
 // (for the parts the library does not interpret: headers of sections it

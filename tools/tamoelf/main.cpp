@@ -27,11 +27,15 @@ int info(const std::vector<std::string>& files, bool asJson) {
     nlohmann::json documents = nlohmann::json::array();
     for (const std::string& f : files) {
         try {
-            const Survey r = surveyFile(f);
+            // The text of an archive is printed as its members are read, each
+            // member's object given back once printed.
+            const SurveyEvents printing{[](const Archive& a) { printArchiveHead(std::cout, a); },
+                                        [](const Member& m) { printMember(std::cout, m); }};
+            const Survey r = asJson ? surveyFile(f) : surveyFile(f, false, Keep::Problems, printing);
             if (asJson) {
                 documents.push_back(toJson(r));
             } else {
-                printText(std::cout, r);
+                if (!r.archive) printText(std::cout, r);
                 std::cout.flush();
             }
             if (!r.clean()) {
