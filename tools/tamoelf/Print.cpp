@@ -330,35 +330,98 @@ void printText(std::ostream& out, const Survey& f) {
     for (const Member& m : f.ar.members) printMember(out, m);
 }
 
-json toJson(const Survey& f) {
-    if (!f.archive) return objectJson(f.object);
-    const Archive& a = f.ar;
+namespace {
+
+json memberJson(const Member& m) {
+    json mj = {{"name", m.name},
+               {"date", m.date},
+               {"uid", m.uid},
+               {"gid", m.gid},
+               {"mode", m.mode},
+               {"size", m.layout.size},
+               {"header_offset", m.layout.headerOffset},
+               {"data_offset", m.layout.dataOffset}};
+    mj["object"] = m.isObject ? objectJson(m.object) : json(nullptr);
+    if (!m.isObject) mj["problems"] = problemsJson(m.object.problems);
+    return mj;
+}
+
+// An archive's document without its members' (an empty list).
+json archiveJson(const Archive& a) {
     json j;
     j["file"] = a.file;
     j["kind"] = "archive";
     j["magic"] = a.big ? "!<sola>" : "!<elfa>";
     j["byte_order"] = a.big ? "big" : "little";
-    json members = json::array();
-    for (const Member& m : a.members) {
-        json mj = {{"name", m.name},
-                   {"date", m.date},
-                   {"uid", m.uid},
-                   {"gid", m.gid},
-                   {"mode", m.mode},
-                   {"size", m.layout.size},
-                   {"header_offset", m.layout.headerOffset},
-                   {"data_offset", m.layout.dataOffset}};
-        mj["object"] = m.isObject ? objectJson(m.object) : json(nullptr);
-        if (!m.isObject) mj["problems"] = problemsJson(m.object.problems);
-        members.push_back(mj);
-    }
-    j["members"] = members;
+    j["members"] = json::array();
     json symbols = json::array();
     for (const ArchiveSymbolEntry& s : a.symbols)
         symbols.push_back({{"name", s.name}, {"offset", s.offset}, {"member", s.member}});
     j["symbol_table"] = a.hasSymbolTable ? symbols : json(nullptr);
     j["problems"] = problemsJson(a.problems);
     return j;
+}
+
+// A document's text moved `n` spaces right, as it stands inside another.
+std::string indented(const std::string& text, size_t n) {
+    const std::string pad(n, ' ');
+    std::string r = pad;
+    r.reserve(text.size() + n);
+    for (char c : text) {
+        r += c;
+        if (c == '\n') r += pad;
+    }
+    return r;
+}
+
+}  // namespace
+
+json toJson(const Survey& f) {
+    if (!f.archive) return objectJson(f.object);
+    json j = archiveJson(f.ar);
+    for (const Member& m : f.ar.members) j["members"].push_back(memberJson(m));
+    return j;
+}
+
+JsonPrinter::JsonPrinter(std::ostream& out, bool several) : out_(out), several_(several) {}
+
+void JsonPrinter::startDocument() {
+    if (several_) out_ << (documents_ ? ",\n" : "[\n");
+    ++documents_;
+}
+
+SurveyEvents JsonPrinter::events() {
+    // The archive's document is printed up to its list of members; the rest
+    // waits for the members, each printed as it is read.
+    return {[this](const Archive& a) {
+                startDocument();
+                const std::string text = indented(jsonText(archiveJson(a)), base());
+                static const std::string empty = "\"members\": []";
+                const size_t at = text.find(empty);
+                out_ << text.substr(0, at + empty.size() - 2);
+                tail_ = text.substr(at + empty.size());
+                members_ = 0;
+            },
+            [this](const Member& m) {
+                out_ << (members_++ ? ",\n" : "[\n") << indented(jsonText(memberJson(m)), base() + 4);
+            }};
+}
+
+void JsonPrinter::file(const Survey& s) {
+    if (s.archive) {
+        out_ << (members_ ? "\n" + std::string(base() + 2, ' ') + "]" : "[]") << tail_;
+        return;
+    }
+    startDocument();
+    out_ << indented(jsonText(objectJson(s.object)), base());
+}
+
+void JsonPrinter::finish() {
+    if (several_)
+        out_ << (documents_ ? "\n]" : "[]");
+    else if (!documents_)
+        out_ << "[]";
+    out_ << "\n";
 }
 
 size_t printProblems(std::ostream& out, const Survey& f) {

@@ -482,17 +482,18 @@ Survey surveyArchive(const std::string& path, const Bytes& bytes, int fd, bool c
                 "symbol " + s.name + " names offset " + std::to_string(s.offset) + ", where no member starts"));
     announce();
     for (Member& m : a.members) {
-        if (!m.isObject) continue;
         const ArchiveMember& lm = m.layout;
-        Elf* e = open(lm);
-        if (!e) {  // read a moment ago
-            m.object.problems.push_back(libraryProblem(
-                "member " + lm.name + " at offset " + std::to_string(lm.headerOffset), "not read again; skipped"));
-            continue;
+        if (m.isObject) {
+            if (Elf* e = open(lm)) {
+                const Bytes data(bytes.begin() + lm.dataOffset, bytes.begin() + lm.dataOffset + lm.size);
+                m.object = surveyObject(e, path + "(" + m.name + ")", data, convert);
+                tamo_elf_end(e);
+            } else {  // read a moment ago
+                m.isObject = false;
+                m.object.problems.push_back(libraryProblem(
+                    "member " + lm.name + " at offset " + std::to_string(lm.headerOffset), "not read again; skipped"));
+            }
         }
-        const Bytes data(bytes.begin() + lm.dataOffset, bytes.begin() + lm.dataOffset + lm.size);
-        m.object = surveyObject(e, path + "(" + m.name + ")", data, convert);
-        tamo_elf_end(e);
         if (events.member) events.member(m);
         if (keep == Keep::Problems) m.object.dropContent();
     }

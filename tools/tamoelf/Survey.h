@@ -137,8 +137,8 @@ enum class Keep { All, Problems };
 
 // Called as an archive is read: `archive` once its own parts are (magic,
 // members' headers, symbol table, its problems), before any member's
-// object; `member` as each member's object has been read, before Keep
-// applies.
+// object; `member` for each member in turn, once its object (if it is
+// one) has been read, before Keep applies.
 struct SurveyEvents {
     std::function<void(const Archive&)> archive;
     std::function<void(const Member&)> member;

@@ -24,16 +24,16 @@ using namespace tool;
 
 int info(const std::vector<std::string>& files, bool asJson) {
     int status = 0;
-    nlohmann::json documents = nlohmann::json::array();
+    // An archive is printed as its members are read, each member's object
+    // given back once printed.
+    JsonPrinter json(std::cout, files.size() != 1);
+    const SurveyEvents text{[](const Archive& a) { printArchiveHead(std::cout, a); },
+                            [](const Member& m) { printMember(std::cout, m); }};
     for (const std::string& f : files) {
         try {
-            // The text of an archive is printed as its members are read, each
-            // member's object given back once printed.
-            const SurveyEvents printing{[](const Archive& a) { printArchiveHead(std::cout, a); },
-                                        [](const Member& m) { printMember(std::cout, m); }};
-            const Survey r = asJson ? surveyFile(f) : surveyFile(f, false, Keep::Problems, printing);
+            const Survey r = surveyFile(f, false, Keep::Problems, asJson ? json.events() : text);
             if (asJson) {
-                documents.push_back(toJson(r));
+                json.file(r);
             } else {
                 if (!r.archive) printText(std::cout, r);
                 std::cout.flush();
@@ -51,7 +51,7 @@ int info(const std::vector<std::string>& files, bool asJson) {
         }
         if (!asJson && &f != &files.back()) std::cout << "\n";
     }
-    if (asJson) std::cout << jsonText(files.size() == 1 && !documents.empty() ? documents[0] : documents) << "\n";
+    if (asJson) json.finish();
     return status;
 }
 
