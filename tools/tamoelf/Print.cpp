@@ -1,8 +1,11 @@
 #include "Print.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace tool {
 
@@ -184,7 +187,40 @@ json problemsJson(const std::vector<Problem>& problems) {
     return a;
 }
 
-json objectJson(const Object& o) {
+// A JSON document made a part at a time: `head` holds its fields, with an
+// empty list or null where each part goes; a part is a list of items or
+// one nested document, each made only when it is wanted.
+struct Doc {
+    struct Part {
+        const char* key;
+        bool list;  // else one nested document
+        size_t count;
+        std::function<Doc(size_t)> item;
+    };
+    json head;
+    std::vector<Part> parts;
+};
+
+// A list part whose items are plain JSON, one per element of `v`.
+template <class T, class F>
+Doc::Part listOf(const char* key, const std::vector<T>& v, F row) {
+    return {key, true, v.size(), [&v, row](size_t i) { return Doc{row(v[i]), {}}; }};
+}
+
+// The whole document.
+json whole(const Doc& d) {
+    json j = d.head;
+    for (const Doc::Part& p : d.parts) {
+        if (!p.list) {
+            j[p.key] = whole(p.item(0));
+            continue;
+        }
+        for (size_t i = 0; i < p.count; ++i) j[p.key].push_back(whole(p.item(i)));
+    }
+    return j;
+}
+
+Doc objectDoc(const Object& o) {
     const Elf32_Ehdr& h = o.header;
     json j;
     j["file"] = o.file;
@@ -209,91 +245,85 @@ json objectJson(const Object& o) {
                    {"shnum", h.e_shnum},
                    {"shstrndx", h.e_shstrndx},
                    {"standard", o.standard}};
-    json sections = json::array();
-    for (const Section& s : o.sections) {
+    Doc d{std::move(j), {}};
+    d.parts.push_back(listOf("sections", o.sections, [](const Section& s) {
         const Elf32_Shdr& x = s.header;
-        sections.push_back({{"index", s.index},
-                            {"name", s.name},
-                            {"type", x.sh_type},
-                            {"flags", x.sh_flags},
-                            {"addr", x.sh_addr},
-                            {"offset", x.sh_offset},
-                            {"size", x.sh_size},
-                            {"link", x.sh_link},
-                            {"info", x.sh_info},
-                            {"align", x.sh_addralign},
-                            {"entsize", x.sh_entsize},
-                            {"extra", x.sh_extra},
-                            {"conversion", layoutName(s.layout)},
-                            {"read", s.read}});
-    }
-    j["sections"] = sections;
-    json symbols = json::array();
-    for (const Symbol& y : o.symbols)
-        symbols.push_back({{"table", y.table},
-                           {"index", y.index},
-                           {"name", y.name},
-                           {"value", y.value},
-                           {"size", y.size},
-                           {"type", symbolTypeName(y.info & 0xf)},
-                           {"binding", bindName(y.info >> 4)},
-                           {"visibility", visibilityName(y.other)},
-                           {"section", y.section},
-                           {"shndx", y.shndx},
-                           {"extra", y.extra}});
-    j["symbols"] = symbols;
-    json relocations = json::array();
-    for (const Relocation& r : o.relocations)
-        relocations.push_back({{"section", r.section},
-                               {"offset", r.offset},
-                               {"info", r.info},
-                               {"type", ELF32_R_TYPE(r.info)},
-                               {"symbol", r.symbol},
-                               {"addend", r.rela ? json(r.addend) : json(nullptr)}});
-    j["relocations"] = relocations;
-    json lines = json::array();
-    for (const CoffLine& l : o.lines)
-        lines.push_back({{"section", l.section}, {"address", l.address}, {"line", l.line}});
-    j["coff_lines"] = lines;
-    json coff = json::array();
-    for (const CoffEntry& e : o.coff) {
+        return json{{"index", s.index},
+                    {"name", s.name},
+                    {"type", x.sh_type},
+                    {"flags", x.sh_flags},
+                    {"addr", x.sh_addr},
+                    {"offset", x.sh_offset},
+                    {"size", x.sh_size},
+                    {"link", x.sh_link},
+                    {"info", x.sh_info},
+                    {"align", x.sh_addralign},
+                    {"entsize", x.sh_entsize},
+                    {"extra", x.sh_extra},
+                    {"conversion", layoutName(s.layout)},
+                    {"read", s.read}};
+    }));
+    d.parts.push_back(listOf("symbols", o.symbols, [](const Symbol& y) {
+        return json{{"table", y.table},
+                    {"index", y.index},
+                    {"name", y.name},
+                    {"value", y.value},
+                    {"size", y.size},
+                    {"type", symbolTypeName(y.info & 0xf)},
+                    {"binding", bindName(y.info >> 4)},
+                    {"visibility", visibilityName(y.other)},
+                    {"section", y.section},
+                    {"shndx", y.shndx},
+                    {"extra", y.extra}};
+    }));
+    d.parts.push_back(listOf("relocations", o.relocations, [](const Relocation& r) {
+        return json{{"section", r.section},
+                    {"offset", r.offset},
+                    {"info", r.info},
+                    {"type", ELF32_R_TYPE(r.info)},
+                    {"symbol", r.symbol},
+                    {"addend", r.rela ? json(r.addend) : json(nullptr)}};
+    }));
+    d.parts.push_back(listOf("coff_lines", o.lines, [](const CoffLine& l) {
+        return json{{"section", l.section}, {"address", l.address}, {"line", l.line}};
+    }));
+    d.parts.push_back(listOf("coff_symbols", o.coff, [](const CoffEntry& e) {
         if (e.auxiliary) {
             json bytes = json::array();
             for (uint8_t b : e.bytes) bytes.push_back(b);
-            coff.push_back({{"section", e.section}, {"index", e.index}, {"auxiliary", bytes}});
-        } else {
-            coff.push_back({{"section", e.section},
-                            {"index", e.index},
-                            {"name", e.name},
-                            {"value", e.value},
-                            {"scnum", e.section_number},
-                            {"type", e.type},
-                            {"sclass", e.storage_class},
-                            {"numaux", e.aux_count}});
+            return json{{"section", e.section}, {"index", e.index}, {"auxiliary", bytes}};
         }
-    }
-    j["coff_symbols"] = coff;
-    json dwarf = json::array();
-    for (const DwarfUnit& u : o.dwarf) {
-        json d = {{"section", u.section},
+        return json{{"section", e.section}, {"index", e.index},         {"name", e.name},
+                    {"value", e.value},     {"scnum", e.section_number}, {"type", e.type},
+                    {"sclass", e.storage_class}, {"numaux", e.aux_count}};
+    }));
+    d.parts.push_back(listOf("dwarf", o.dwarf, [](const DwarfUnit& u) {
+        json x = {{"section", u.section},
                   {"kind", u.line ? "line program" : "unit"},
                   {"offset", u.offset},
                   {"length", u.length},
                   {"version", u.version}};
-        if (!u.note.empty()) d["note"] = u.note;
+        if (!u.note.empty()) x["note"] = u.note;
         if (u.line) {
-            d["header_length"] = u.header_length;
+            x["header_length"] = u.header_length;
         } else {
-            d["unit_type"] = unitTypeName(u.unit_type);
-            d["abbrev_offset"] = u.abbrev_offset;
-            d["address_size"] = u.address_size;
+            x["unit_type"] = unitTypeName(u.unit_type);
+            x["abbrev_offset"] = u.abbrev_offset;
+            x["address_size"] = u.address_size;
         }
-        dwarf.push_back(d);
-    }
-    j["dwarf"] = dwarf;
-    j["problems"] = problemsJson(o.problems);
-    j["notes"] = problemsJson(o.notes);
-    return j;
+        return x;
+    }));
+    auto problem = [](const Problem& p) {
+        return json{{"where", p.where}, {"code", p.code}, {"message", p.message}, {"context", p.context}, {"note", p.note}};
+    };
+    d.parts.push_back(listOf("problems", o.problems, problem));
+    d.parts.push_back(listOf("notes", o.notes, problem));
+    for (const Doc::Part& p : d.parts) d.head[p.key] = json::array();
+    return d;
+}
+
+json objectJson(const Object& o) {
+    return whole(objectDoc(o));
 }
 
 }  // namespace
@@ -332,7 +362,19 @@ void printText(std::ostream& out, const Survey& f) {
 
 namespace {
 
-json memberJson(const Member& m) {
+// A document's text moved `n` spaces right, as it stands inside another.
+std::string indented(const std::string& text, size_t n) {
+    const std::string pad(n, ' ');
+    std::string r = pad;
+    r.reserve(text.size() + n);
+    for (char c : text) {
+        r += c;
+        if (c == '\n') r += pad;
+    }
+    return r;
+}
+
+Doc memberDoc(const Member& m) {
     json mj = {{"name", m.name},
                {"date", m.date},
                {"uid", m.uid},
@@ -340,10 +382,53 @@ json memberJson(const Member& m) {
                {"mode", m.mode},
                {"size", m.layout.size},
                {"header_offset", m.layout.headerOffset},
-               {"data_offset", m.layout.dataOffset}};
-    mj["object"] = m.isObject ? objectJson(m.object) : json(nullptr);
-    if (!m.isObject) mj["problems"] = problemsJson(m.object.problems);
-    return mj;
+               {"data_offset", m.layout.dataOffset},
+               {"object", nullptr}};
+    Doc d{std::move(mj), {}};
+    if (m.isObject)
+        d.parts.push_back({"object", false, 1, [&m](size_t) { return objectDoc(m.object); }});
+    else
+        d.head["problems"] = problemsJson(m.object.problems);
+    return d;
+}
+
+// Prints d as jsonText prints whole(d), moved `n` spaces right (the first
+// line too when padFirst), one item of its parts at a time.
+void printDoc(std::ostream& out, const Doc& d, size_t n, bool padFirst) {
+    std::string text = indented(jsonText(d.head), n);
+    if (!padFirst) text.erase(0, n);
+    // Where each part goes: its key at the top level, as the head prints it.
+    struct Place {
+        size_t at, length;
+        const Doc::Part* part;
+    };
+    std::vector<Place> places;
+    for (const Doc::Part& p : d.parts) {
+        const std::string key = "\n" + std::string(n + 2, ' ') + "\"" + p.key + "\": ";
+        const size_t at = text.find(key + (p.list ? "[]" : "null"));
+        if (at == std::string::npos) throw Failure(std::string("internal: no place for ") + p.key);
+        places.push_back({at + key.size(), p.list ? size_t{2} : size_t{4}, &p});
+    }
+    std::sort(places.begin(), places.end(), [](const Place& x, const Place& y) { return x.at < y.at; });
+    size_t from = 0;
+    for (const Place& place : places) {
+        out.write(text.data() + from, static_cast<std::streamsize>(place.at - from));
+        from = place.at + place.length;
+        const Doc::Part& p = *place.part;
+        if (!p.list) {
+            printDoc(out, p.item(0), n + 2, false);
+        } else if (p.count == 0) {
+            out << "[]";
+        } else {
+            out << "[\n";
+            for (size_t i = 0; i < p.count; ++i) {
+                if (i) out << ",\n";
+                printDoc(out, p.item(i), n + 4, true);
+            }
+            out << "\n" << std::string(n + 2, ' ') << "]";
+        }
+    }
+    out.write(text.data() + from, static_cast<std::streamsize>(text.size() - from));
 }
 
 // An archive's document without its members' (an empty list).
@@ -362,24 +447,13 @@ json archiveJson(const Archive& a) {
     return j;
 }
 
-// A document's text moved `n` spaces right, as it stands inside another.
-std::string indented(const std::string& text, size_t n) {
-    const std::string pad(n, ' ');
-    std::string r = pad;
-    r.reserve(text.size() + n);
-    for (char c : text) {
-        r += c;
-        if (c == '\n') r += pad;
-    }
-    return r;
-}
 
 }  // namespace
 
 json toJson(const Survey& f) {
     if (!f.archive) return objectJson(f.object);
     json j = archiveJson(f.ar);
-    for (const Member& m : f.ar.members) j["members"].push_back(memberJson(m));
+    for (const Member& m : f.ar.members) j["members"].push_back(whole(memberDoc(m)));
     return j;
 }
 
@@ -403,7 +477,8 @@ SurveyEvents JsonPrinter::events() {
                 members_ = 0;
             },
             [this](const Member& m) {
-                out_ << (members_++ ? ",\n" : "[\n") << indented(jsonText(memberJson(m)), base() + 4);
+                out_ << (members_++ ? ",\n" : "[\n");
+                printDoc(out_, memberDoc(m), base() + 4, true);
             }};
 }
 
@@ -413,7 +488,7 @@ void JsonPrinter::file(const Survey& s) {
         return;
     }
     startDocument();
-    out_ << indented(jsonText(objectJson(s.object)), base());
+    printDoc(out_, objectDoc(s.object), base(), true);
 }
 
 void JsonPrinter::finish() {

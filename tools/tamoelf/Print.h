@@ -19,8 +19,9 @@ void printMember(std::ostream& out, const Member& member);
 nlohmann::json toJson(const Survey& file);
 
 // info --json printed as the files are read, as jsonText would print their
-// documents (one file's alone, several in an list): an archive's document
-// as its members are read, so that one member's is held at a time.
+// documents (one file's alone, several in a list): an archive's document
+// as its members are read, and each document a list item at a time, so
+// that no more than one item is held as JSON.
 class JsonPrinter {
 public:
     JsonPrinter(std::ostream& out, bool several);
