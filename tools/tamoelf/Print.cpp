@@ -404,7 +404,9 @@ void printDoc(std::ostream& out, const Doc& d, size_t n, bool padFirst) {
     };
     std::vector<Place> places;
     for (const Doc::Part& p : d.parts) {
-        const std::string key = "\n" + std::string(n + 2, ' ') + "\"" + p.key + "\": ";
+        std::string key(n + 3, ' ');
+        key.front() = '\n';
+        key.append("\"").append(p.key).append("\": ");
         const size_t at = text.find(key + (p.list ? "[]" : "null"));
         if (at == std::string::npos) throw Failure(std::string("internal: no place for ") + p.key);
         places.push_back({at + key.size(), p.list ? size_t{2} : size_t{4}, &p});
@@ -484,7 +486,11 @@ SurveyEvents JsonPrinter::events() {
 
 void JsonPrinter::file(const Survey& s) {
     if (s.archive) {
-        out_ << (members_ ? "\n" + std::string(base() + 2, ' ') + "]" : "[]") << tail_;
+        if (members_)
+            out_ << '\n' << std::string(base() + 2, ' ') << ']';
+        else
+            out_ << "[]";
+        out_ << tail_;
         return;
     }
     startDocument();
