@@ -14,12 +14,13 @@ struct AbbrevBytes {
     size_t size;
 };
 
-// How .debug_info is walked. Windows converts two units at a time, taking
-// the common entries through windows prepared per abbreviation, where the
-// processor allows; OneUnit is the plain walk, one unit and one value after
-// another, which Windows must match byte for byte. Fast takes Windows for
-// sections large enough to repay preparing the windows, OneUnit below.
-enum class Walk { Fast, Windows, OneUnit };
+// How .debug_info is walked. OneUnit is the plain walk, one unit and one
+// value after another. Chase (with AVX-512) and Windows (with SSSE3) take
+// the common entries their own faster ways, several units at a time, and
+// must match the plain walk byte for byte; where the processor lacks what
+// they need, they take the plain walk. Fast takes Chase, else Windows, for
+// sections large enough to repay preparing their tables, OneUnit below.
+enum class Walk { Fast, Chase, Windows, OneUnit };
 
 // Converts the `size` bytes of a .debug_info, .debug_types or .debug_line* section from
 // src into dst (equal or disjoint). srcNative: src holds host order. The

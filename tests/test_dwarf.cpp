@@ -354,12 +354,14 @@ void expectManyUnits(const Sections& stored, const Sections& expected, const std
             little.insert(little.end(), expected[i].second.begin(), expected[i].second.end());
         }
         const tamo::AbbrevBytes a{abbrev->data(), abbrev->size()};
-        Bytes inPlace = big, out(big.size());
-        tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
-                           reinterpret_cast<char*>(inPlace.data()), big.size(), nullptr, false, &a, tamo::Walk::Windows);
-        tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(big.data()), reinterpret_cast<char*>(out.data()),
-                           big.size(), nullptr, false, &a, tamo::Walk::Windows);
-        EXPECT_TRUE(inPlace == little && out == little) << what << ": many units";
+        for (const tamo::Walk walk : {tamo::Walk::Chase, tamo::Walk::Windows}) {
+            Bytes inPlace = big, out(big.size());
+            tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
+                               reinterpret_cast<char*>(inPlace.data()), big.size(), nullptr, false, &a, walk);
+            tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(big.data()), reinterpret_cast<char*>(out.data()),
+                               big.size(), nullptr, false, &a, walk);
+            EXPECT_TRUE(inPlace == little && out == little) << what << ": many units, walk " << static_cast<int>(walk);
+        }
         return;
     }
     ADD_FAILURE() << what << ": no .debug_info or .debug_abbrev";

@@ -1,0 +1,563 @@
+// The walk of .debug_info by chase, where the processor has AVX-512 with
+// its byte permutes (VBMI). Units are converted a chunk of positions at a
+// time, in three passes:
+//
+// - A vector pass takes every byte of the chunk as if an entry began there
+//   and finds, from its code and the unit's ScanTable, the entry's size and
+//   the slot of its pattern, checking that its LEB128 value is of one byte,
+//   that its expression is one operation of the length its length byte
+//   says, and that it ends inside the unit; positions that fail, and those
+//   past the chunk's, get the slot that stops the chase.
+// - The chase follows the entries from the chunk's first, one load an entry
+//   on the way from one to the next (the size at its position), storing
+//   each entry's pattern of 32 byte offsets and keeping the depth of the
+//   entry tree. Three units are chased side by side, an entry of each in
+//   turn, so that their chains of loads overlap. It stops at an entry it
+//   must not take or that would end the tree.
+// - A vector pass converts the entries chased, 64 bytes at a time, by the
+//   patterns stored: one byte permute of the bytes around each 64.
+//
+// Unit headers and the entries the chase does not take go through the
+// general walk, one at a time, after which the chase goes on.
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "DwarfInfoWalk.h"
+#include "Endian.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+
+namespace tamo::dwarf {
+namespace {
+
+// The scan's view of an entry: at most 32 bytes; the code (one byte), then
+// values of fixed width, at most one LEB128 value, taken as one byte (which
+// the scan checks), and at most one exprloc of one to three bytes holding
+// one operation with nothing to reverse.
+constexpr unsigned kScanWidth = 32;
+
+// Where each byte of such an entry comes from, as an offset from its own
+// place: the bytes of a reversed field come from its other end, every other
+// byte stays (0). Bytes past the entry are 0.
+struct alignas(32) Pattern {
+    int8_t delta[kScanWidth];
+};
+
+// The scan's tables of the abbreviations with one-byte codes of a unit's
+// table (codes of two bytes and more are refused). The tables by code are
+// read 64 codes to a vector register.
+struct alignas(64) ScanTable {
+    // By code:
+    uint8_t size[0x80];      // of an entry, without its expression; 0: refused
+    uint8_t lengthAt[0x80];  // the offset of its expression's length; 0: none
+    // The offset of its LEB128 value (bit 7: counted from the end of the
+    // expression); 0: none (the code, below 0x80, is checked instead).
+    uint8_t leb[0x80];
+    // The slot of its pattern: the code itself, or for the abbreviations
+    // with an expression (at most kExpressions of them) the first of four
+    // slots, to which the expression's length (1 to 3) is added.
+    uint8_t slot[0x80];
+    // By slot: the change of depth (+1: has children; -1: the 0 that ends a
+    // list of them), and where each byte comes from.
+    int16_t depth[0x100];
+    Pattern pattern[0x100];
+};
+constexpr unsigned kExpressions = 31;
+// The slot of a position at which the chase stops: an entry it does not
+// take, or one past the chunk's positions. Its change of depth ends any
+// tree: the chase stops there as at the end of a tree, and so needs one
+// test an entry. Depths at which a chunk begins stay below kDeepest.
+constexpr uint8_t kStopSlot = 0x80;
+constexpr int16_t kStopDepth = INT16_MIN;
+constexpr ptrdiff_t kDeepest = 30000;
+
+// The layout of an abbreviation's entries with an expression of `length`
+// bytes (0: the plan must have none).
+struct Layout {
+    unsigned size = 0;
+    unsigned lengthAt = 0;
+    unsigned leb = 0;  // the offset of its LEB128 value; 0: none
+};
+
+// Lays out the entries of a plan; false when the scan cannot take them.
+bool layOut(const dwarf::Plan& p, unsigned length, Layout& l, Pattern& pattern) {
+    l = Layout{};
+    pattern = Pattern{};
+    unsigned at = 1;  // the code
+    bool expression = false;
+    for (const Step& step : p.steps) {
+        switch (step.kind) {
+            case Step::Record:
+                if (step.value > kScanWidth - at) return false;
+                for (uint32_t k = 0; k < step.count; ++k) {
+                    const dwarf::Reversal& r = p.reversals[step.first + k];
+                    if (r.width > 8) return false;
+                    for (unsigned b = 0; b < r.width; ++b)
+                        pattern.delta[at + r.offset + b] = static_cast<int8_t>(r.width - 1 - 2 * b);
+                }
+                at += step.value;
+                break;
+            case Step::Leb:
+                if (at >= kScanWidth || l.leb) return false;
+                l.leb = at++;
+                break;
+            case Step::Block:
+                if (step.width != 0 || !step.expression || expression || length == 0 ||
+                    at + 1 + length > kScanWidth)
+                    return false;
+                expression = true;
+                l.lengthAt = at;
+                at += 1 + length;
+                break;
+            default:
+                return false;
+        }
+    }
+    l.size = at;
+    return (length != 0) == expression;
+}
+
+// The scan's tables of a unit's abbreviation table.
+void makeScanTable(void* tables, const CDwarfAbbrevTable& table, const Unit& u) {
+    ScanTable& t = *static_cast<ScanTable*>(tables);
+    std::memset(&t, 0, sizeof t);
+    t.size[0] = 1;  // the end of a list of children
+    t.depth[0] = -1;
+    unsigned expressions = 0;
+    for (uint32_t code = 1; code < 0x80; ++code) {
+        const CDwarfAbbrevEntry* e = table.find(code);
+        if (!e) continue;
+        const dwarf::Plan& plan = planOf(*e, u);
+        bool expression = false;
+        for (const Step& s : plan.steps) expression |= s.kind == Step::Block;
+        if (expression && expressions == kExpressions) continue;
+        // Slots 0x80 + 4k + 1 to 3; 0x80 itself is kStopSlot.
+        const unsigned slot = expression ? 0x80 + 4 * expressions : code;
+        Layout l[4];
+        bool taken = true;
+        for (unsigned length = expression ? 1 : 0; length <= (expression ? 3 : 0); ++length) {
+            taken = taken && layOut(plan, length, l[length], t.pattern[slot + length]);
+            t.depth[slot + length] = e->m_bHasChildren ? 1 : 0;
+        }
+        if (!taken) continue;
+        expressions += expression;
+        const Layout& first = l[expression ? 1 : 0];
+        t.size[code] = static_cast<uint8_t>(first.size - (expression ? 1 : 0));
+        t.lengthAt[code] = static_cast<uint8_t>(first.lengthAt);
+        if (first.leb)
+            t.leb[code] =
+                static_cast<uint8_t>(expression && first.leb > first.lengthAt ? (first.leb - 1) | 0x80 : first.leb);
+        t.slot[code] = static_cast<uint8_t>(slot);
+    }
+    t.depth[kStopSlot] = kStopDepth;
+    t.pattern[kStopSlot] = Pattern{};
+}
+
+// The entries of a chunk begin in its first kChunk bytes.
+constexpr size_t kChunk = 1024;
+// How far ahead of the positions being prepared the section's bytes are
+// asked for (the chase takes the units in the section's order).
+constexpr size_t kAhead = 8192;
+
+// One lane's buffers and tables, in one block so that the chase reaches
+// them all from one register.
+struct alignas(64) ChunkData {
+    // By position in the chunk, as if an entry began there: its size, and
+    // the slot of its pattern (kStopSlot when the chase is not to take it,
+    // and at the positions past the chunk's).
+    uint8_t size[kChunk + 64];
+    uint8_t slot[kChunk + 192];
+    int8_t delta[kChunk + 128];  // the patterns of the entries chased
+    // The chunk's first byte: in the section, or near its end in `bytes`.
+    const uint8_t* in;
+    // Positions at which entries may begin, and where the unit ends (both
+    // from the chunk's start).
+    size_t n, unitEnd;
+    // The chunk's bytes and those after it (zeros past the section).
+    uint8_t bytes[kChunk + 192];
+    ScanTable table;
+};
+
+// The operation classes of one-operation expressions: the expression's
+// length from its first two bytes (1 without operand, 2 with a byte, 2 or
+// 3 with a LEB128 of one or two bytes, 0x80 marking the last); 0 for any
+// other operation.
+constexpr std::array<uint8_t, 256> kOneOperation = [] {
+    std::array<uint8_t, 256> t{};
+    for (size_t op = 0; op < 256; ++op) {
+        const uint8_t c = dwarf::kPlainOperands[op];
+        t[op] = c == 0 ? 1 : c == 1 ? 2 : c == 2 ? 0x82 : 0;
+    }
+    return t;
+}();
+
+#define TAMO_AVX512 gnu::target("avx2,avx512f,avx512bw,avx512vbmi")
+
+// A table of 128 bytes as the two halves a byte permute reads.
+struct Table128 {
+    __m512i low, high;
+};
+[[TAMO_AVX512, gnu::always_inline]] inline Table128 table128(const void* p) {
+    const auto* v = static_cast<const __m512i*>(p);
+    return {_mm512_loadu_si512(v), _mm512_loadu_si512(v + 1)};
+}
+// t[index & 0x7f] for each byte.
+[[TAMO_AVX512, gnu::always_inline]] inline __m512i lookup(const Table128& t, __m512i index) {
+    return _mm512_permutex2var_epi8(t.low, index, t.high);
+}
+
+// The byte at offset `index` (below 128) from each position of `here`,
+// followed by `after`.
+[[TAMO_AVX512, gnu::always_inline]] inline __m512i at(__m512i here, __m512i after, __m512i index) {
+    return _mm512_permutex2var_epi8(here, index, after);
+}
+// The byte of the LEB128 value whose offsets (by code) are `offsets`.
+[[TAMO_AVX512, gnu::always_inline]] inline __m512i lebByte(const Table128& offsets, __m512i code, __m512i after,
+                                                          __m512i length) {
+    const __m512i iota = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
+                                         44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
+                                         25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
+                                         5, 4, 3, 2, 1, 0);
+    const __m512i o = lookup(offsets, code);
+    __m512i index = _mm512_add_epi8(iota, _mm512_and_si512(o, _mm512_set1_epi8(0x7f)));
+    index = _mm512_mask_add_epi8(index, _mm512_movepi8_mask(o), index, length);
+    return at(code, after, index);
+}
+
+// A byte of min(v, 255) in each lane.
+[[TAMO_AVX512, gnu::always_inline]] inline __m512i clamp(size_t v) {
+    return _mm512_set1_epi8(static_cast<char>(std::min<size_t>(v, 0xff)));
+}
+
+// The tables of the first pass, in vector registers.
+struct PrepareTables {
+    Table128 size, lengthAt, leb, slot, operations, highOperations;
+};
+[[TAMO_AVX512, gnu::always_inline]] inline PrepareTables prepareTables(const ScanTable& t) {
+    return {table128(t.size),
+            table128(t.lengthAt),
+            table128(t.leb),
+            table128(t.slot),
+            table128(kOneOperation.data()),
+            table128(kOneOperation.data() + 0x80)};
+}
+
+// The first vector pass over positions [i, i + 64) of a chunk.
+[[TAMO_AVX512, gnu::always_inline]] inline void prepareBlock(const PrepareTables& t, ChunkData& d, size_t i) {
+    const __m512i iota = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
+                                         44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
+                                         25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
+                                         5, 4, 3, 2, 1, 0);
+    const __m512i one = _mm512_set1_epi8(1), two = _mm512_set1_epi8(2), low7 = _mm512_set1_epi8(0x7f),
+                  stop = _mm512_set1_epi8(static_cast<char>(0x80));
+    // A prefetch never faults: the address may lie past the section.
+    _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(d.in) + i + kAhead), _MM_HINT_T0);
+    const __m512i code = _mm512_loadu_si512(d.in + i);
+    const __m512i after = _mm512_loadu_si512(d.in + i + 64);
+    // Codes of two bytes and more, and codes with no shape, are refused.
+    const __m512i base = lookup(t.size, code);
+    __mmask64 refused = _mm512_movepi8_mask(code) | _mm512_testn_epi8_mask(base, base);
+    // The expression: its length, and the class of its operation.
+    const __m512i la = lookup(t.lengthAt, code);
+    const __mmask64 expression = _mm512_test_epi8_mask(la, la);
+    const __m512i lengthIndex = _mm512_add_epi8(iota, la);
+    const __m512i length = _mm512_maskz_permutex2var_epi8(expression, code, lengthIndex, after);
+    const __m512i op = at(code, after, _mm512_add_epi8(lengthIndex, one));
+    const __m512i operand = at(code, after, _mm512_add_epi8(lengthIndex, two));
+    const __m512i opClass =
+        _mm512_mask_blend_epi8(_mm512_movepi8_mask(op), lookup(t.operations, op), lookup(t.highOperations, op));
+    __m512i expected = _mm512_and_si512(opClass, low7);
+    expected =
+        _mm512_mask_add_epi8(expected, _mm512_movepi8_mask(_mm512_and_si512(opClass, operand)), expected, one);
+    refused |= expression & (_mm512_cmpneq_epi8_mask(length, expected) | _mm512_testn_epi8_mask(length, length));
+    // The LEB128 value: below 0x80 (after the expression, that much
+    // further).
+    refused |= _mm512_movepi8_mask(lebByte(t.leb, code, after, length));
+    // The entry must end inside the unit (which only entries in the unit's
+    // last 128 bytes could fail). The positions past the chunk's are marked
+    // by prepareChunk.
+    const __m512i entrySize = _mm512_add_epi8(base, length);
+    if (d.unitEnd - i < 128)
+        refused |= _mm512_cmpgt_epu8_mask(_mm512_add_epi8(iota, entrySize), clamp(d.unitEnd - i));
+    _mm512_storeu_si512(d.size + i, entrySize);
+    _mm512_storeu_si512(d.slot + i,
+                        _mm512_mask_mov_epi8(_mm512_add_epi8(lookup(t.slot, code), length), refused, stop));
+}
+
+// The first pass over a chunk. The positions past the chunk's (where its
+// last entries end) stop the chase.
+[[TAMO_AVX512]] void prepareChunk(ChunkData& d) {
+    const PrepareTables t = prepareTables(d.table);
+    for (size_t i = 0; i < d.n; i += 64) prepareBlock(t, d, i);
+    std::memset(d.slot + d.n, kStopSlot, 128);
+}
+
+// The last vector pass: converts positions [from, to) of the chunk into
+// `out` (the chunk's place in the destination) by the patterns stored. Each
+// 64 bytes are taken from the 32 before them to the 32 after; the bytes
+// before are those of the block before as it was read, so that the
+// conversion may be in place.
+[[TAMO_AVX512]] void applyChunk(const ChunkData& d, size_t from, size_t to, uint8_t* out) {
+    const __m512i iota = _mm512_set_epi8(95, 94, 93, 92, 91, 90, 89, 88, 87, 86, 85, 84, 83, 82, 81, 80, 79, 78, 77,
+                                         76, 75, 74, 73, 72, 71, 70, 69, 68, 67, 66, 65, 64, 63, 62, 61, 60, 59, 58,
+                                         57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45, 44, 43, 42, 41, 40, 39,
+                                         38, 37, 36, 35, 34, 33, 32);
+    __m512i before = _mm512_setzero_si512();
+    for (size_t i = from; i < to; i += 64) {
+        const __m512i here = _mm512_loadu_si512(d.in + i), after = _mm512_loadu_si512(d.in + i + 32);
+        // (A full mask with a source of its own: g++ 12 warns of the
+        // undefined source of the unmasked form.)
+        const __m512i around = _mm512_mask_alignr_epi64(here, 0xff, here, before, 4);
+        before = here;
+        const __m512i index = _mm512_add_epi8(_mm512_loadu_si512(d.delta + i), iota);
+        const __m512i r = _mm512_permutex2var_epi8(around, index, after);
+        if (to - i >= 64)
+            _mm512_storeu_si512(out + i, r);
+        else
+            _mm512_mask_storeu_epi8(out + i, (uint64_t{1} << (to - i)) - 1, r);
+    }
+}
+
+// What the chase keeps of a lane: the position in the chunk, the depth of
+// the entry tree, the lane's buffers.
+struct ChaseAt {
+    ptrdiff_t pos;
+    ptrdiff_t depth;
+    ChunkData* d;
+};
+
+// One entry of a lane; false, the entry not taken, when the lane stops:
+// at an entry that would end the tree, or one its slot stops at.
+[[gnu::target("avx2"), gnu::always_inline]] inline bool chaseEntry(ptrdiff_t& pos, ptrdiff_t& depth, ChunkData* d) {
+    const ptrdiff_t at = pos;
+    const unsigned slot = d->slot[at];
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(d->delta + at),
+                        _mm256_load_si256(reinterpret_cast<const __m256i*>(d->table.pattern + slot)));
+    const ptrdiff_t deeper = depth + d->table.depth[slot];
+    if (deeper <= 0) return false;
+    depth = deeper;
+    pos = at + d->size[at];
+    return true;
+}
+
+// N lanes side by side, an entry of each in turn, until one stops; returns
+// that lane.
+template <unsigned N>
+[[TAMO_AVX512]] unsigned chaseLanes(ChaseAt* at) {
+    ptrdiff_t p0 = at[0].pos, d0 = at[0].depth, p1 = 0, d1 = 0, p2 = 0, d2 = 0;
+    ChunkData *c0 = at[0].d, *c1 = nullptr, *c2 = nullptr;
+    if constexpr (N > 1) p1 = at[1].pos, d1 = at[1].depth, c1 = at[1].d;
+    if constexpr (N > 2) p2 = at[2].pos, d2 = at[2].depth, c2 = at[2].d;
+    unsigned stopped;
+    for (;;) {
+        if (!chaseEntry(p0, d0, c0)) {
+            stopped = 0;
+            break;
+        }
+        if constexpr (N > 1) {
+            if (!chaseEntry(p1, d1, c1)) {
+                stopped = 1;
+                break;
+            }
+        }
+        if constexpr (N > 2) {
+            if (!chaseEntry(p2, d2, c2)) {
+                stopped = 2;
+                break;
+            }
+        }
+    }
+    at[0].pos = p0, at[0].depth = d0;
+    if constexpr (N > 1) at[1].pos = p1, at[1].depth = d1;
+    if constexpr (N > 2) at[2].pos = p2, at[2].depth = d2;
+    return stopped;
+}
+
+constexpr unsigned kLanes = 3;
+
+// A lane: the general walk's state, its unit's tables, and the chunk it is
+// in. The lanes take the units in the section's order.
+template <dwarf::Buffers B>
+struct ChaseLane {
+    Lane<B> lane;
+    QuickTable quick;
+    std::unique_ptr<ChunkData> data{new ChunkData};
+    ChaseAt at{};
+    size_t chunk = 0;  // where the chunk begins in the section
+    size_t from = 0;   // the first of its positions not yet converted
+    bool active = false;
+
+    explicit ChaseLane(const Lane<B>& l) : lane(l) {
+        quick.tables = &data->table;
+        quick.remake = makeScanTable;
+        at.d = data.get();
+    }
+
+    // A chunk from the general walk's position, prepared for the chase.
+    void newChunk(const CursorPair& whole) {
+        ChunkData& d = *data;
+        chunk = lane.c.pos();
+        from = 0;
+        d.unitEnd = lane.c.end() - chunk;
+        d.n = std::min(kChunk, d.unitEnd);
+        // The passes read up to 128 bytes past the chunk's positions; near
+        // the section's end, from a copy.
+        if (whole.size() - chunk >= d.n + 128) {
+            d.in = whole.source() + chunk;
+        } else {
+            const size_t have = whole.size() - chunk;
+            std::memcpy(d.bytes, whole.source() + chunk, have);
+            std::memset(d.bytes + have, 0, sizeof d.bytes - have);
+            d.in = d.bytes;
+        }
+        prepareChunk(d);
+        at.pos = 0;
+        at.depth = lane.depth;
+    }
+    // The header of a unit at `at` that uses the lane's abbreviations as
+    // its last unit did (a compile or partial unit), converted as startUnit
+    // would; false, nothing done, for any other.
+    bool sameKindOfUnit(const CursorPair& whole, size_t at) {
+        if (!lane.table || lane.types || whole.size() - at < 12) return false;
+        const uint8_t* s = whole.source() + at;
+        auto value = [&](size_t offset, auto v) {
+            std::memcpy(&v, s + offset, sizeof v);
+            if (!whole.srcNative()) v = static_cast<decltype(v)>(bswap32(v) >> (32 - 8 * sizeof v));
+            return v;
+        };
+        const uint32_t length = value(0, uint32_t{}), version = value(4, uint16_t{});
+        if (length >= dwarf::kReservedLength || length > whole.size() - at - 4 || version != lane.u.version) return false;
+        const bool v5 = version >= 5;
+        const unsigned header = v5 ? 12 : 11;
+        if (version < 2 || version > 5 || length + 4 < header) return false;
+        const uint8_t addressSize = s[v5 ? 7 : 10];
+        if (v5 && s[6] != dwarf::DW_UT_compile && s[6] != dwarf::DW_UT_partial) return false;
+        if (value(v5 ? 8 : 6, uint32_t{}) != lane.table->m_lOffset || addressWidth(addressSize) != lane.u.addressSize)
+            return false;
+        uint8_t* d = whole.destination() + at;
+        if (!whole.inPlace()) std::memcpy(d, s, header);
+        storeRaw(d, bswap32(loadRaw<uint32_t>(s)));
+        storeRaw(d + 4, bswap16(loadRaw<uint16_t>(s + 4)));
+        storeRaw(d + (v5 ? 8 : 6), bswap32(loadRaw<uint32_t>(s + (v5 ? 8 : 6))));
+        lane.c = dwarf::BasicCursorPair<B>(whole.source(), whole.destination(), whole.size(), whole.srcNative(),
+                                           at + header, at + 4 + length);
+        lane.outer = whole.size();
+        lane.depth = 0;
+        lane.inUnit = true;
+        return true;
+    }
+    // The next unit, from `next` on, and its first chunk. Units that end at
+    // their header (or take the rest of the section) are passed.
+    void claim(const CursorPair& whole, size_t& next) {
+        lane.inUnit = false;
+        while (next < whole.size() && !lane.inUnit) {
+            if (!sameKindOfUnit(whole, next))
+                lane = startUnit(Lane<B>(whole, next, whole.size(), lane.types), quick);
+            next = lane.inUnit ? lane.c.end() : lane.c.pos();
+        }
+        active = lane.inUnit;
+        if (active) newChunk(whole);
+    }
+    // Where the chase stopped: converts the entries it took; the entry it
+    // did not take goes through the general walk, after which (or at the
+    // end of the chunk) a new chunk begins. False when the unit has ended.
+    [[gnu::noinline]] bool resume(const CursorPair& whole) {
+        const size_t stoppedAt = static_cast<size_t>(at.pos);
+        if (stoppedAt > from) applyChunk(*data, from, stoppedAt, whole.destination() + chunk);
+        if (at.pos == static_cast<ptrdiff_t>(data->unitEnd - 1) && at.depth == 1 && data->in[stoppedAt] == 0) {
+            // The 0 that ends the tree, the unit's last byte, as the general
+            // walk would take it.
+            whole.destination()[chunk + stoppedAt] = 0;
+            lane.inUnit = false;
+            return false;
+        }
+        lane.c.Handled(chunk + stoppedAt - lane.c.pos());
+        lane.depth = at.depth;
+        if (stoppedAt < data->n || stoppedAt >= data->unitEnd) swap_dwarf_entry(lane);
+        // Deeper trees than the chase's stop can end go the general way.
+        while (lane.inUnit && lane.depth > kDeepest) swap_dwarf_entry(lane);
+        if (!lane.inUnit) return false;
+        // The chase goes on in the chunk where the general walk left it, or
+        // in the next chunk.
+        from = lane.c.pos() - chunk;
+        if (from < data->n) {
+            at.pos = static_cast<ptrdiff_t>(from);
+            at.depth = lane.depth;
+            return true;
+        }
+        newChunk(whole);
+        return true;
+    }
+};
+
+// N lanes until one ends with no unit left to claim; then N - 1.
+template <dwarf::Buffers B, unsigned N>
+void chaseUntilDone(ChaseLane<B>** lanes, const CursorPair& whole, size_t& next) {
+    if constexpr (N > 0) {
+        for (;;) {
+            ChaseAt at[N];
+            for (unsigned k = 0; k < N; ++k) at[k] = lanes[k]->at;
+            const unsigned k = chaseLanes<N>(at);
+            for (unsigned i = 0; i < N; ++i) lanes[i]->at = at[i];
+            if (lanes[k]->resume(whole)) continue;
+            lanes[k]->claim(whole, next);
+            if (lanes[k]->active) continue;
+            std::swap(lanes[k], lanes[N - 1]);
+            return chaseUntilDone<B, N - 1>(lanes, whole, next);
+        }
+    }
+}
+
+}  // namespace
+
+bool chaseWalkRuns() {
+    static const bool avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                               __builtin_cpu_supports("avx512vbmi");
+    return avx512;
+}
+
+template <Buffers B>
+void debugInfoChase(const CursorPair& whole, bool types) {
+    const Lane<B> idle(whole, 0, 0, types);
+    std::unique_ptr<ChaseLane<B>> owned[kLanes];
+    ChaseLane<B>* lanes[kLanes];
+    size_t next = 0;
+    unsigned active = 0;
+    for (auto& l : owned) {
+        l = std::make_unique<ChaseLane<B>>(idle);
+        l->claim(whole, next);
+        if (l->active) lanes[active++] = l.get();
+    }
+    switch (active) {
+        case 3:
+            return chaseUntilDone<B, 3>(lanes, whole, next);
+        case 2:
+            return chaseUntilDone<B, 2>(lanes, whole, next);
+        case 1:
+            return chaseUntilDone<B, 1>(lanes, whole, next);
+        default:
+            return;
+    }
+}
+
+template void debugInfoChase<Buffers::Same>(const CursorPair&, bool);
+template void debugInfoChase<Buffers::Distinct>(const CursorPair&, bool);
+
+}  // namespace tamo::dwarf
+
+#else
+
+namespace tamo::dwarf {
+bool chaseWalkRuns() { return false; }
+template <Buffers B>
+void debugInfoChase(const CursorPair&, bool) {}
+template void debugInfoChase<Buffers::Same>(const CursorPair&, bool);
+template void debugInfoChase<Buffers::Distinct>(const CursorPair&, bool);
+}  // namespace tamo::dwarf
+
+#endif
