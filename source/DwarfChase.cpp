@@ -175,6 +175,9 @@ struct alignas(64) ChunkData {
     int8_t delta[kChunk + 128];  // the patterns of the entries chased
     // The chunk's first byte: in the section, or near its end in `bytes`.
     const uint8_t* in;
+    // Where the chunk goes in the destination, when it is another buffer
+    // (null in place).
+    uint8_t* out;
     // Positions at which entries may begin, and where the unit ends (both
     // from the chunk's start).
     size_t n, unitEnd;
@@ -257,6 +260,9 @@ struct PrepareTables {
                   stop = _mm512_set1_epi8(static_cast<char>(0x80));
     // A prefetch never faults: the address may lie past the section.
     _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(d.in) + i + kAhead), _MM_HINT_T0);
+    // Between buffers, the destination's lines are asked for to be written.
+    if (d.out)
+        _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(d.out) + i + kAhead), _MM_HINT_ET0);
     const __m512i code = _mm512_loadu_si512(d.in + i);
     const __m512i after = _mm512_loadu_si512(d.in + i + 64);
     // Codes of two bytes and more, and codes with no shape, are refused.
@@ -405,6 +411,7 @@ struct ChaseLane {
         from = 0;
         d.unitEnd = lane.c.end() - chunk;
         d.n = std::min(kChunk, d.unitEnd);
+        d.out = whole.inPlace() ? nullptr : whole.destination() + chunk;
         // The passes read up to 128 bytes past the chunk's positions; near
         // the section's end, from a copy.
         if (whole.size() - chunk >= d.n + 128) {
