@@ -1,4 +1,4 @@
-// Reading and converting all data of a 256 MiB big-endian object through a
+// Reading and converting all data of a 240 MiB big-endian object through a
 // file id (tamo_elf_cntl(ELF_C_FDREAD)) against a plain read of the same
 // file into memory, in the same run.
 #include <fcntl.h>
@@ -32,7 +32,7 @@ std::string makeObject(bool big) {
         size_t size;
     };
     const S sections[] = {{".symtab", SHT_SYMTAB, 64 * kMiB}, {".rela.text", SHT_RELA, 60 * kMiB},
-                          {".hash", SHT_HASH, 120 * kMiB},   {".text", SHT_PROGBITS, 12 * kMiB - 4096},
+                          {".hash", SHT_HASH, 104 * kMiB},   {".text", SHT_PROGBITS, 12 * kMiB - 4096},
                           {".shstrtab", SHT_STRTAB, 64}};
     const size_t n = std::size(sections) + 1;
     size_t total = 52;
