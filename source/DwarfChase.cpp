@@ -21,7 +21,6 @@
 // general walk, one at a time, after which the chase goes on.
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -37,8 +36,13 @@ namespace {
 
 // The scan's view of an entry: at most 32 bytes; the code (one byte), then
 // values of fixed width, at most one LEB128 value, taken as one byte (which
-// the scan checks), and at most one exprloc of one to three bytes holding
-// one operation with nothing to reverse.
+// the scan checks), and at most one exprloc of one to three bytes with
+// nothing to reverse.
+//
+// An operand the expression walk reverses is of two bytes or more, and one
+// that runs off the expression leaves it as it is: in one or two bytes
+// nothing is ever reversed, and in three only the two-byte operand of the
+// first operation (an address is of two bytes only in units that say so).
 constexpr unsigned kScanWidth = 32;
 
 // Where each byte of such an entry comes from, as an offset from its own
@@ -60,8 +64,12 @@ struct alignas(64) ScanTable {
     uint8_t leb[0x80];
     // The slot of its pattern: the code itself, or for the abbreviations
     // with an expression (at most kExpressions of them) the first of four
-    // slots, to which the expression's length (1 to 3) is added.
+    // slots, to which the expression's length (1 to 3) is added; kStopSlot
+    // for a refused code.
     uint8_t slot[0x80];
+    // By operation, op & 0x7f: bit 0 (bit 1 for op | 0x80) when a
+    // three-byte expression it begins has its operand reversed.
+    uint8_t reversing[0x80];
     // By slot: the change of depth (+1: has children; -1: the 0 that ends a
     // list of them), and where each byte comes from.
     int16_t depth[0x100];
@@ -126,6 +134,7 @@ bool layOut(const dwarf::Plan& p, unsigned length, Layout& l, Pattern& pattern) 
 void makeScanTable(void* tables, const CDwarfAbbrevTable& table, const Unit& u) {
     ScanTable& t = *static_cast<ScanTable*>(tables);
     std::memset(&t, 0, sizeof t);
+    std::memset(t.slot + 1, kStopSlot, sizeof t.slot - 1);
     t.size[0] = 1;  // the end of a list of children
     t.depth[0] = -1;
     unsigned expressions = 0;
@@ -156,6 +165,11 @@ void makeScanTable(void* tables, const CDwarfAbbrevTable& table, const Unit& u) 
     }
     t.depth[kStopSlot] = kStopDepth;
     t.pattern[kStopSlot] = Pattern{};
+    for (unsigned op = 0; op < 0x100; ++op) {
+        const dwarf::Operands o = dwarf::kOperands[op];
+        if (o == dwarf::Operands::Half || (o == dwarf::Operands::Address && u.addressSize == 2))
+            t.reversing[op & 0x7f] |= static_cast<uint8_t>(op < 0x80 ? 1 : 2);
+    }
 }
 
 // The entries of a chunk begin in its first kChunk bytes.
@@ -186,19 +200,6 @@ struct alignas(64) ChunkData {
     ScanTable table;
 };
 
-// The operation classes of one-operation expressions: the expression's
-// length from its first two bytes (1 without operand, 2 with a byte, 2 or
-// 3 with a LEB128 of one or two bytes, 0x80 marking the last); 0 for any
-// other operation.
-constexpr std::array<uint8_t, 256> kOneOperation = [] {
-    std::array<uint8_t, 256> t{};
-    for (size_t op = 0; op < 256; ++op) {
-        const uint8_t c = dwarf::kPlainOperands[op];
-        t[op] = c == 0 ? 1 : c == 1 ? 2 : c == 2 ? 0x82 : 0;
-    }
-    return t;
-}();
-
 #define TAMO_AVX512 gnu::target("avx2,avx512f,avx512bw,avx512vbmi")
 
 // A table of 128 bytes as the two halves a byte permute reads.
@@ -226,8 +227,10 @@ struct Table128 {
                                          44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
                                          25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
                                          5, 4, 3, 2, 1, 0);
+    // (The permute reads an index's low seven bits: bit 7 of the offset may
+    // stay in.)
     const __m512i o = lookup(offsets, code);
-    __m512i index = _mm512_add_epi8(iota, _mm512_and_si512(o, _mm512_set1_epi8(0x7f)));
+    __m512i index = _mm512_add_epi8(iota, o);
     index = _mm512_mask_add_epi8(index, _mm512_movepi8_mask(o), index, length);
     return at(code, after, index);
 }
@@ -239,24 +242,33 @@ struct Table128 {
 
 // The tables of the first pass, in vector registers.
 struct PrepareTables {
-    Table128 size, lengthAt, leb, slot, operations, highOperations;
+    Table128 size, lengthAt, leb, slot, reversing;
 };
 [[TAMO_AVX512, gnu::always_inline]] inline PrepareTables prepareTables(const ScanTable& t) {
     return {table128(t.size),
             table128(t.lengthAt),
             table128(t.leb),
             table128(t.slot),
-            table128(kOneOperation.data()),
-            table128(kOneOperation.data() + 0x80)};
+            table128(t.reversing)};
 }
 
+// The chunk as the first pass sees it, copied out of ChunkData: the pass's
+// stores could otherwise be taken to change it.
+struct ChunkView {
+    const uint8_t* in;
+    uint8_t* out;
+    size_t unitEnd;
+    uint8_t* size;
+    uint8_t* slot;
+};
+
 // The first vector pass over positions [i, i + 64) of a chunk.
-[[TAMO_AVX512, gnu::always_inline]] inline void prepareBlock(const PrepareTables& t, ChunkData& d, size_t i) {
+[[TAMO_AVX512, gnu::always_inline]] inline void prepareBlock(const PrepareTables& t, const ChunkView& d, size_t i) {
     const __m512i iota = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
                                          44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
                                          25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
                                          5, 4, 3, 2, 1, 0);
-    const __m512i one = _mm512_set1_epi8(1), two = _mm512_set1_epi8(2), low7 = _mm512_set1_epi8(0x7f),
+    const __m512i one = _mm512_set1_epi8(1), two = _mm512_set1_epi8(2), three = _mm512_set1_epi8(3),
                   stop = _mm512_set1_epi8(static_cast<char>(0x80));
     // A prefetch never faults: the address may lie past the section.
     _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(d.in) + i + kAhead), _MM_HINT_T0);
@@ -265,22 +277,20 @@ struct PrepareTables {
         _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(d.out) + i + kAhead), _MM_HINT_ET0);
     const __m512i code = _mm512_loadu_si512(d.in + i);
     const __m512i after = _mm512_loadu_si512(d.in + i + 64);
-    // Codes of two bytes and more, and codes with no shape, are refused.
+    // Codes of two bytes and more are refused here, codes with no shape by
+    // their slot.
     const __m512i base = lookup(t.size, code);
-    __mmask64 refused = _mm512_movepi8_mask(code) | _mm512_testn_epi8_mask(base, base);
-    // The expression: its length, and the class of its operation.
+    __mmask64 refused = _mm512_movepi8_mask(code);
+    // The expression: of one to three bytes, and of three only when its
+    // first operation's operand is not reversed.
     const __m512i la = lookup(t.lengthAt, code);
     const __mmask64 expression = _mm512_test_epi8_mask(la, la);
     const __m512i lengthIndex = _mm512_add_epi8(iota, la);
     const __m512i length = _mm512_maskz_permutex2var_epi8(expression, code, lengthIndex, after);
+    refused |= _mm512_mask_cmpgt_epu8_mask(expression, _mm512_sub_epi8(length, one), two);
     const __m512i op = at(code, after, _mm512_add_epi8(lengthIndex, one));
-    const __m512i operand = at(code, after, _mm512_add_epi8(lengthIndex, two));
-    const __m512i opClass =
-        _mm512_mask_blend_epi8(_mm512_movepi8_mask(op), lookup(t.operations, op), lookup(t.highOperations, op));
-    __m512i expected = _mm512_and_si512(opClass, low7);
-    expected =
-        _mm512_mask_add_epi8(expected, _mm512_movepi8_mask(_mm512_and_si512(opClass, operand)), expected, one);
-    refused |= expression & (_mm512_cmpneq_epi8_mask(length, expected) | _mm512_testn_epi8_mask(length, length));
+    const __m512i bit = _mm512_mask_blend_epi8(_mm512_movepi8_mask(op), one, two);
+    refused |= _mm512_mask_test_epi8_mask(_mm512_cmpeq_epi8_mask(length, three), lookup(t.reversing, op), bit);
     // The LEB128 value: below 0x80 (after the expression, that much
     // further).
     refused |= _mm512_movepi8_mask(lebByte(t.leb, code, after, length));
@@ -299,7 +309,8 @@ struct PrepareTables {
 // last entries end) stop the chase.
 [[TAMO_AVX512]] void prepareChunk(ChunkData& d) {
     const PrepareTables t = prepareTables(d.table);
-    for (size_t i = 0; i < d.n; i += 64) prepareBlock(t, d, i);
+    const ChunkView view{d.in, d.out, d.unitEnd, d.size, d.slot};
+    for (size_t i = 0, n = d.n; i < n; i += 64) prepareBlock(t, view, i);
     std::memset(d.slot + d.n, kStopSlot, 128);
 }
 
@@ -352,13 +363,15 @@ struct ChaseAt {
 }
 
 // N lanes side by side, an entry of each in turn, until one stops; returns
-// that lane.
+// that lane. (The lanes' state is read and written field by field, as the
+// general walk writes it: a wider load of fields just stored one by one
+// would wait for the stores to reach the cache.)
 template <unsigned N>
-[[TAMO_AVX512]] unsigned chaseLanes(ChaseAt* at) {
-    ptrdiff_t p0 = at[0].pos, d0 = at[0].depth, p1 = 0, d1 = 0, p2 = 0, d2 = 0;
-    ChunkData *c0 = at[0].d, *c1 = nullptr, *c2 = nullptr;
-    if constexpr (N > 1) p1 = at[1].pos, d1 = at[1].depth, c1 = at[1].d;
-    if constexpr (N > 2) p2 = at[2].pos, d2 = at[2].depth, c2 = at[2].d;
+[[TAMO_AVX512]] unsigned chaseLanes(ChaseAt* const* at) {
+    ptrdiff_t p0 = at[0]->pos, d0 = at[0]->depth, p1 = 0, d1 = 0, p2 = 0, d2 = 0;
+    ChunkData *c0 = at[0]->d, *c1 = nullptr, *c2 = nullptr;
+    if constexpr (N > 1) p1 = at[1]->pos, d1 = at[1]->depth, c1 = at[1]->d;
+    if constexpr (N > 2) p2 = at[2]->pos, d2 = at[2]->depth, c2 = at[2]->d;
     unsigned stopped;
     for (;;) {
         if (!chaseEntry(p0, d0, c0)) {
@@ -378,9 +391,9 @@ template <unsigned N>
             }
         }
     }
-    at[0].pos = p0, at[0].depth = d0;
-    if constexpr (N > 1) at[1].pos = p1, at[1].depth = d1;
-    if constexpr (N > 2) at[2].pos = p2, at[2].depth = d2;
+    at[0]->pos = p0, at[0]->depth = d0;
+    if constexpr (N > 1) at[1]->pos = p1, at[1]->depth = d1;
+    if constexpr (N > 2) at[2]->pos = p2, at[2]->depth = d2;
     return stopped;
 }
 
@@ -506,11 +519,10 @@ struct ChaseLane {
 template <dwarf::Buffers B, unsigned N>
 void chaseUntilDone(ChaseLane<B>** lanes, const CursorPair& whole, size_t& next) {
     if constexpr (N > 0) {
+        ChaseAt* at[N];
+        for (unsigned k = 0; k < N; ++k) at[k] = &lanes[k]->at;
         for (;;) {
-            ChaseAt at[N];
-            for (unsigned k = 0; k < N; ++k) at[k] = lanes[k]->at;
             const unsigned k = chaseLanes<N>(at);
-            for (unsigned i = 0; i < N; ++i) lanes[i]->at = at[i];
             if (lanes[k]->resume(whole)) continue;
             lanes[k]->claim(whole, next);
             if (lanes[k]->active) continue;

@@ -167,6 +167,42 @@ TEST(DebugInfo, EveryLocationOpcode) {
                    abbrevOf({{0x02, 0x18}, {0x3e, 0x05}}), "unknown opcode");
 }
 
+TEST(DebugInfo, ShortExpressionsInTheFasterWalks) {
+    // Expressions of one to three bytes, every opcode first, among the
+    // children of a compile unit: the faster walks convert those with
+    // nothing to reverse themselves, and give what the plain walk gives (a
+    // two-byte operand in three bytes is reversed, DW_OP_addr's only where
+    // addresses are of two bytes; an operand cut short is left as it is).
+    const Bytes abbrev =
+        encode(bytes({1, 0x11, 1, 0, 0, 2, 0x34, 0, 0x02, 0x18, 0x3e, 0x0b, 0, 0, 0}), kHost);
+    const tamo::AbbrevBytes a{abbrev.data(), abbrev.size()};
+    Fields children;
+    for (unsigned op = 0; op < 0x100; ++op)
+        for (const Fields& tail : {bytes({0x81, 0x02}), bytes({0x12, 0x34})})
+            for (size_t length = 1; length <= 3; ++length)
+                children = cat({children, uleb(2), uleb(length), bytes({static_cast<uint8_t>(op)}),
+                                Fields(tail.begin(), tail.begin() + static_cast<ptrdiff_t>(length - 1)),
+                                bytes({0x42})});
+    for (uint8_t addressSize : {2, 4})
+        for (bool back : {false, true}) {
+            const Bytes in = encode(unit(5, cat({uleb(1), children, bytes({0})}), addressSize), Order::Big);
+            Bytes plain = in;
+            char* p = reinterpret_cast<char*>(plain.data());
+            tamo::dwarfConvert(".debug_info", p, p, in.size(), nullptr, back, &a, tamo::Walk::OneUnit);
+            ASSERT_NE(plain, in);
+            for (const tamo::Walk walk : {tamo::Walk::Chase, tamo::Walk::Windows}) {
+                Bytes inPlace = in, src = in, out(in.size());
+                tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
+                                   reinterpret_cast<char*>(inPlace.data()), in.size(), nullptr, back, &a, walk);
+                tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(src.data()),
+                                   reinterpret_cast<char*>(out.data()), in.size(), nullptr, back, &a, walk);
+                EXPECT_TRUE(inPlace == plain && out == plain)
+                    << "walk " << static_cast<int>(walk) << ", addresses of " << int{addressSize}
+                    << (back ? ", back" : "");
+            }
+        }
+}
+
 TEST(DebugInfo, UnitHeadersTreesAndSeveralUnits) {
     // Version 5 headers of every unit type, a tree of entries with children,
     // an empty children list, bytes after the tree, and several units with
