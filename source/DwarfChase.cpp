@@ -5,9 +5,9 @@
 // - A vector pass takes every byte of the chunk as if an entry began there
 //   and finds, from its code and the unit's ScanTable, the entry's size and
 //   the slot of its pattern, checking that its LEB128 value is of one byte,
-//   that its expression is one operation of the length its length byte
-//   says, and that it ends inside the unit; positions that fail, and those
-//   past the chunk's, get the slot that stops the chase.
+//   that its expression is of one to three bytes with nothing to reverse,
+//   and that it ends inside the unit; positions that fail, and those past
+//   the chunk's, get the slot that stops the chase.
 // - The chase follows the entries from the chunk's first, one load an entry
 //   on the way from one to the next (the size at its position), storing
 //   each entry's pattern of 32 byte offsets and keeping the depth of the
