@@ -43,6 +43,8 @@ namespace {
 // that runs off the expression leaves it as it is: in one or two bytes
 // nothing is ever reversed, and in three only the two-byte operand of the
 // first operation (an address is of two bytes only in units that say so).
+// The scan refuses the expressions whose first operation has one, of
+// whatever length.
 constexpr unsigned kScanWidth = 32;
 
 // Where each byte of such an entry comes from, as an offset from its own
@@ -64,23 +66,28 @@ struct alignas(64) ScanTable {
     uint8_t leb[0x80];
     // The slot of its pattern: the code itself, or for the abbreviations
     // with an expression (at most kExpressions of them) the first of four
-    // slots, to which the expression's length (1 to 3) is added; kStopSlot
-    // for a refused code.
+    // slots, 0x80 + 4k, to which the expression's length (1 to 3) is added;
+    // kStopSlot for a refused code.
     uint8_t slot[0x80];
-    // By operation, op & 0x7f: bit 0 (bit 1 for op | 0x80) when a
-    // three-byte expression it begins has its operand reversed.
+    // By operation, op & 0x7f: bit 6 (bit 7 for op | 0x80) when an
+    // expression it begins may have its operand reversed.
     uint8_t reversing[0x80];
     // By slot: the change of depth (+1: has children; -1: the 0 that ends a
     // list of them), and where each byte comes from.
     int16_t depth[0x100];
     Pattern pattern[0x100];
+    // Whether an abbreviation has its LEB128 value after its expression.
+    bool lebAfterExpression;
 };
 constexpr unsigned kExpressions = 31;
 // The slot of a position at which the chase stops: an entry it does not
 // take, or one past the chunk's positions. Its change of depth ends any
 // tree: the chase stops there as at the end of a tree, and so needs one
-// test an entry. Depths at which a chunk begins stay below kDeepest.
-constexpr uint8_t kStopSlot = 0x80;
+// test an entry. Depths at which a chunk begins stay below kDeepest. The
+// first of each four slots of an expression stops as well: the slot of an
+// expression of no bytes, and, as the next four's first, of one of four
+// bytes and more.
+constexpr uint8_t kStopSlot = 0xff;
 constexpr int16_t kStopDepth = INT16_MIN;
 constexpr ptrdiff_t kDeepest = 30000;
 
@@ -137,6 +144,7 @@ void makeScanTable(void* tables, const CDwarfAbbrevTable& table, const Unit& u) 
     std::memset(t.slot + 1, kStopSlot, sizeof t.slot - 1);
     t.size[0] = 1;  // the end of a list of children
     t.depth[0] = -1;
+    std::fill(t.depth + 0x80, t.depth + 0x100, kStopDepth);
     unsigned expressions = 0;
     for (uint32_t code = 1; code < 0x80; ++code) {
         const CDwarfAbbrevEntry* e = table.find(code);
@@ -145,7 +153,7 @@ void makeScanTable(void* tables, const CDwarfAbbrevTable& table, const Unit& u) 
         bool expression = false;
         for (const Step& s : plan.steps) expression |= s.kind == Step::Block;
         if (expression && expressions == kExpressions) continue;
-        // Slots 0x80 + 4k + 1 to 3; 0x80 itself is kStopSlot.
+        // Slots 0x80 + 4k + 1 to 3.
         const unsigned slot = expression ? 0x80 + 4 * expressions : code;
         Layout l[4];
         bool taken = true;
@@ -161,14 +169,13 @@ void makeScanTable(void* tables, const CDwarfAbbrevTable& table, const Unit& u) 
         if (first.leb)
             t.leb[code] =
                 static_cast<uint8_t>(expression && first.leb > first.lengthAt ? (first.leb - 1) | 0x80 : first.leb);
+        t.lebAfterExpression |= (t.leb[code] & 0x80) != 0;
         t.slot[code] = static_cast<uint8_t>(slot);
     }
-    t.depth[kStopSlot] = kStopDepth;
-    t.pattern[kStopSlot] = Pattern{};
     for (unsigned op = 0; op < 0x100; ++op) {
         const dwarf::Operands o = dwarf::kOperands[op];
         if (o == dwarf::Operands::Half || (o == dwarf::Operands::Address && u.addressSize == 2))
-            t.reversing[op & 0x7f] |= static_cast<uint8_t>(op < 0x80 ? 1 : 2);
+            t.reversing[op & 0x7f] |= static_cast<uint8_t>(op < 0x80 ? 0x40 : 0x80);
     }
 }
 
@@ -220,21 +227,6 @@ struct Table128 {
 [[TAMO_AVX512, gnu::always_inline]] inline __m512i at(__m512i here, __m512i after, __m512i index) {
     return _mm512_permutex2var_epi8(here, index, after);
 }
-// The byte of the LEB128 value whose offsets (by code) are `offsets`.
-[[TAMO_AVX512, gnu::always_inline]] inline __m512i lebByte(const Table128& offsets, __m512i code, __m512i after,
-                                                          __m512i length) {
-    const __m512i iota = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
-                                         44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
-                                         25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
-                                         5, 4, 3, 2, 1, 0);
-    // (The permute reads an index's low seven bits: bit 7 of the offset may
-    // stay in.)
-    const __m512i o = lookup(offsets, code);
-    __m512i index = _mm512_add_epi8(iota, o);
-    index = _mm512_mask_add_epi8(index, _mm512_movepi8_mask(o), index, length);
-    return at(code, after, index);
-}
-
 // A byte of min(v, 255) in each lane.
 [[TAMO_AVX512, gnu::always_inline]] inline __m512i clamp(size_t v) {
     return _mm512_set1_epi8(static_cast<char>(std::min<size_t>(v, 0xff)));
@@ -262,14 +254,18 @@ struct ChunkView {
     uint8_t* slot;
 };
 
-// The first vector pass over positions [i, i + 64) of a chunk.
+// The first vector pass over positions [i, i + 64) of a chunk. A position
+// refused has bit 7 set in a flags byte, kept in a vector register (tests
+// into mask registers cost more than the byte permutes here), and turned
+// into kStopSlot at the end.
+template <bool LebAfterExpression>
 [[TAMO_AVX512, gnu::always_inline]] inline void prepareBlock(const PrepareTables& t, const ChunkView& d, size_t i) {
     const __m512i iota = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
                                          44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
                                          25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
                                          5, 4, 3, 2, 1, 0);
-    const __m512i one = _mm512_set1_epi8(1), two = _mm512_set1_epi8(2), three = _mm512_set1_epi8(3),
-                  stop = _mm512_set1_epi8(static_cast<char>(0x80));
+    const __m512i one = _mm512_set1_epi8(1), four = _mm512_set1_epi8(4), bit7 = _mm512_set1_epi8(static_cast<char>(0x80)),
+                  low7 = _mm512_set1_epi8(0x7f), stop = _mm512_set1_epi8(static_cast<char>(kStopSlot));
     // A prefetch never faults: the address may lie past the section.
     _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(d.in) + i + kAhead), _MM_HINT_T0);
     // Between buffers, the destination's lines are asked for to be written.
@@ -277,41 +273,61 @@ struct ChunkView {
         _mm_prefetch(reinterpret_cast<const char*>(reinterpret_cast<uintptr_t>(d.out) + i + kAhead), _MM_HINT_ET0);
     const __m512i code = _mm512_loadu_si512(d.in + i);
     const __m512i after = _mm512_loadu_si512(d.in + i + 64);
-    // Codes of two bytes and more are refused here, codes with no shape by
-    // their slot.
+    // Codes of two bytes and more are refused by their bit 7, codes with no
+    // shape by their slot.
     const __m512i base = lookup(t.size, code);
-    __mmask64 refused = _mm512_movepi8_mask(code);
-    // The expression: of one to three bytes, and of three only when its
-    // first operation's operand is not reversed.
+    // The expression's length (0 without one). Its slot stops the chase
+    // unless it is of one to three bytes; one whose first operation may
+    // have its operand reversed is refused.
     const __m512i la = lookup(t.lengthAt, code);
-    const __mmask64 expression = _mm512_test_epi8_mask(la, la);
     const __m512i lengthIndex = _mm512_add_epi8(iota, la);
-    const __m512i length = _mm512_maskz_permutex2var_epi8(expression, code, lengthIndex, after);
-    refused |= _mm512_mask_cmpgt_epu8_mask(expression, _mm512_sub_epi8(length, one), two);
+    const __m512i length = _mm512_maskz_permutex2var_epi8(_mm512_test_epi8_mask(la, la), code, lengthIndex, after);
     const __m512i op = at(code, after, _mm512_add_epi8(lengthIndex, one));
-    const __m512i bit = _mm512_mask_blend_epi8(_mm512_movepi8_mask(op), one, two);
-    refused |= _mm512_mask_test_epi8_mask(_mm512_cmpeq_epi8_mask(length, three), lookup(t.reversing, op), bit);
+    const __m512i r = lookup(t.reversing, op);
+    // Bit 7: op's bit 7 ? r's bit 7 : r's bit 6.
+    const __m512i reversing = _mm512_ternarylogic_epi64(op, r, _mm512_add_epi8(r, r), 0xca);
+    const __m512i isExpression = _mm512_adds_epu8(la, low7);  // bit 7: la != 0
     // The LEB128 value: below 0x80 (after the expression, that much
-    // further).
-    refused |= _mm512_movepi8_mask(lebByte(t.leb, code, after, length));
+    // further). (The permute reads an index's low seven bits: bit 7 of the
+    // offset may stay in.)
+    const __m512i o = lookup(t.leb, code);
+    __m512i lebIndex = _mm512_add_epi8(iota, o);
+    if constexpr (LebAfterExpression) {
+        const __m512i after7 = _mm512_and_si512(o, bit7);
+        lebIndex = _mm512_add_epi8(lebIndex, _mm512_and_si512(length, _mm512_adds_epu8(after7, after7)));
+    }
+    const __m512i leb = at(code, after, lebIndex);
+    // Bit 7 of the flags: code | leb | (reversing & isExpression); then
+    // 0xff where it is set, 0 elsewhere.
+    const __m512i flags = _mm512_and_si512(
+        _mm512_ternarylogic_epi64(reversing, isExpression, _mm512_or_si512(code, leb), 0xea), bit7);
+    const __m512i entrySize = _mm512_add_epi8(base, length);
+    __m512i slot = _mm512_or_si512(_mm512_add_epi8(lookup(t.slot, code), _mm512_min_epu8(length, four)),
+                                   _mm512_adds_epu8(flags, flags));
     // The entry must end inside the unit (which only entries in the unit's
     // last 128 bytes could fail). The positions past the chunk's are marked
     // by prepareChunk.
-    const __m512i entrySize = _mm512_add_epi8(base, length);
     if (d.unitEnd - i < 128)
-        refused |= _mm512_cmpgt_epu8_mask(_mm512_add_epi8(iota, entrySize), clamp(d.unitEnd - i));
+        slot = _mm512_mask_mov_epi8(
+            slot, _mm512_cmpgt_epu8_mask(_mm512_add_epi8(iota, entrySize), clamp(d.unitEnd - i)), stop);
     _mm512_storeu_si512(d.size + i, entrySize);
-    _mm512_storeu_si512(d.slot + i,
-                        _mm512_mask_mov_epi8(_mm512_add_epi8(lookup(t.slot, code), length), refused, stop));
+    _mm512_storeu_si512(d.slot + i, slot);
 }
 
 // The first pass over a chunk. The positions past the chunk's (where its
 // last entries end) stop the chase.
-[[TAMO_AVX512]] void prepareChunk(ChunkData& d) {
+template <bool LebAfterExpression>
+[[TAMO_AVX512]] void prepareBlocks(ChunkData& d) {
     const PrepareTables t = prepareTables(d.table);
     const ChunkView view{d.in, d.out, d.unitEnd, d.size, d.slot};
-    for (size_t i = 0, n = d.n; i < n; i += 64) prepareBlock(t, view, i);
+    for (size_t i = 0, n = d.n; i < n; i += 64) prepareBlock<LebAfterExpression>(t, view, i);
     std::memset(d.slot + d.n, kStopSlot, 128);
+}
+void prepareChunk(ChunkData& d) {
+    if (d.table.lebAfterExpression)
+        prepareBlocks<true>(d);
+    else
+        prepareBlocks<false>(d);
 }
 
 // The last vector pass: converts positions [from, to) of the chunk into
