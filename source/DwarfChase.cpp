@@ -330,24 +330,24 @@ void prepareChunk(ChunkData& d) {
         prepareBlocks<false>(d);
 }
 
-// The last vector pass: converts positions [from, to) of the chunk into
-// `out` (the chunk's place in the destination) by the patterns stored. Each
-// 64 bytes are taken from the 32 before them to the 32 after; the bytes
-// before are those of the block before as it was read, so that the
-// conversion may be in place.
-[[TAMO_AVX512]] void applyChunk(const ChunkData& d, size_t from, size_t to, uint8_t* out) {
+// The last vector pass: converts positions [from, to) of a chunk (`in`)
+// into `out` (its place in the destination) by the patterns stored in
+// `delta`. Each 64 bytes are taken from the 32 before them to the 32 after;
+// the bytes before are those of the block before as it was read, so that
+// the conversion may be in place.
+[[TAMO_AVX512]] void applyChunk(const uint8_t* in, const int8_t* delta, size_t from, size_t to, uint8_t* out) {
     const __m512i iota = _mm512_set_epi8(95, 94, 93, 92, 91, 90, 89, 88, 87, 86, 85, 84, 83, 82, 81, 80, 79, 78, 77,
                                          76, 75, 74, 73, 72, 71, 70, 69, 68, 67, 66, 65, 64, 63, 62, 61, 60, 59, 58,
                                          57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45, 44, 43, 42, 41, 40, 39,
                                          38, 37, 36, 35, 34, 33, 32);
     __m512i before = _mm512_setzero_si512();
     for (size_t i = from; i < to; i += 64) {
-        const __m512i here = _mm512_loadu_si512(d.in + i), after = _mm512_loadu_si512(d.in + i + 32);
+        const __m512i here = _mm512_loadu_si512(in + i), after = _mm512_loadu_si512(in + i + 32);
         // (A full mask with a source of its own: g++ 12 warns of the
         // undefined source of the unmasked form.)
         const __m512i around = _mm512_mask_alignr_epi64(here, 0xff, here, before, 4);
         before = here;
-        const __m512i index = _mm512_add_epi8(_mm512_loadu_si512(d.delta + i), iota);
+        const __m512i index = _mm512_add_epi8(_mm512_loadu_si512(delta + i), iota);
         const __m512i r = _mm512_permutex2var_epi8(around, index, after);
         if (to - i >= 64)
             _mm512_storeu_si512(out + i, r);
@@ -426,6 +426,16 @@ struct ChaseLane {
     size_t chunk = 0;  // where the chunk begins in the section
     size_t from = 0;   // the first of its positions not yet converted
     bool active = false;
+    // The positions of the last chunk that the chase took and that are yet
+    // to be converted. A load of 64 bytes of patterns whose stores are still
+    // on their way to the cache waits for every one of them, so a chunk the
+    // chase has left is converted only once the next one is prepared (which
+    // leaves the patterns alone).
+    struct Pending {
+        const uint8_t* in = nullptr;
+        uint8_t* out = nullptr;
+        size_t from = 0, to = 0;
+    } pending;
 
     explicit ChaseLane(const Lane<B>& l) : lane(l) {
         quick.tables = &data->table;
@@ -433,9 +443,15 @@ struct ChaseLane {
         at.d = data.get();
     }
 
-    // A chunk from the general walk's position, prepared for the chase.
+    void convertPending() {
+        if (pending.to > pending.from) applyChunk(pending.in, data->delta, pending.from, pending.to, pending.out);
+        pending.to = pending.from = 0;
+    }
+    // A chunk from the general walk's position, prepared for the chase; then
+    // the last one converted.
     void newChunk(const CursorPair& whole) {
         ChunkData& d = *data;
+        if (pending.in == d.bytes) convertPending();  // the copy below may overwrite its bytes
         chunk = lane.c.pos();
         from = 0;
         d.unitEnd = lane.c.end() - chunk;
@@ -452,6 +468,7 @@ struct ChaseLane {
             d.in = d.bytes;
         }
         prepareChunk(d);
+        convertPending();
         at.pos = 0;
         at.depth = lane.depth;
     }
@@ -497,14 +514,22 @@ struct ChaseLane {
             next = lane.inUnit ? lane.c.end() : lane.c.pos();
         }
         active = lane.inUnit;
-        if (active) newChunk(whole);
+        if (active)
+            newChunk(whole);
+        else
+            convertPending();
     }
-    // Where the chase stopped: converts the entries it took; the entry it
-    // did not take goes through the general walk, after which (or at the
-    // end of the chunk) a new chunk begins. False when the unit has ended.
+    // Where the chase stopped: the entries it took are converted, at once
+    // when the chase goes on in this chunk, else once the next chunk is
+    // prepared (the general walk writes only past them); the entry it did
+    // not take goes through the general walk, after which (or at the end of
+    // the chunk) a new chunk begins. False when the unit has ended.
     [[gnu::noinline]] bool resume(const CursorPair& whole) {
         const size_t stoppedAt = static_cast<size_t>(at.pos);
-        if (stoppedAt > from) applyChunk(*data, from, stoppedAt, whole.destination() + chunk);
+        if (stoppedAt > from) {
+            pending = {data->in, whole.destination() + chunk, from, stoppedAt};
+            if (stoppedAt + 1 < data->n) convertPending();
+        }
         if (at.pos == static_cast<ptrdiff_t>(data->unitEnd - 1) && at.depth == 1 && data->in[stoppedAt] == 0) {
             // The 0 that ends the tree, the unit's last byte, as the general
             // walk would take it.
