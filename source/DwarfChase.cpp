@@ -59,7 +59,7 @@ struct alignas(32) Pattern {
 // read 64 codes to a vector register.
 struct alignas(64) ScanTable {
     // By code:
-    uint8_t size[0x80];      // of an entry, without its expression; 0: refused
+    uint8_t size[0x80];      // of an entry, without its expression
     uint8_t lengthAt[0x80];  // the offset of its expression's length; 0: none
     // The offset of its LEB128 value (bit 7: counted from the end of the
     // expression); 0: none (the code, below 0x80, is checked instead).
@@ -519,8 +519,9 @@ struct ChaseLane {
         else
             convertPending();
     }
-    // Where the chase stopped: the entries it took are converted, at once
-    // when the chase goes on in this chunk, else once the next chunk is
+    // Where the chase stopped: the entries it took are converted at once
+    // when it stopped before the chunk's last position (after the general
+    // step it may go on in this chunk), else once the next chunk is
     // prepared (the general walk writes only past them); the entry it did
     // not take goes through the general walk, after which (or at the end of
     // the chunk) a new chunk begins. False when the unit has ended.
