@@ -6,10 +6,14 @@
 # (the fuzz smoke). Every flavour runs even when an earlier one failed; the
 # script exits non-zero when any configure, build, test or fuzz run failed,
 # naming it and showing what went wrong. Logs stay in build/logs.
+#
+# The g++ flavour builds each source file on its own, so that every file
+# keeps compiling by itself; the others build the library and the tool as a
+# few combined files (CMake's unity builds), which takes a third of the time.
 set -u -o pipefail
 cd "$(dirname "$0")/.."
 scripts/packages.sh cmake make g++ clang llvm binutils libgtest-dev libbenchmark-dev g++-multilib libcli11-dev \
-    nlohmann-json3-dev || exit 1
+    nlohmann-json3-dev ninja-build || exit 1
 jobs=$(nproc)
 logs=build/logs
 mkdir -p "$logs"
@@ -21,7 +25,11 @@ run() {  # run <flavour> <cmake options...>
     flavour=$1
     shift
     log=$logs/$flavour
-    if ! cmake -S . -B "build/$flavour" -DTAMO_WERROR=ON "$@" >"$log.configure" 2>&1; then
+    start=$(date +%s)
+    generator=()
+    # A build directory keeps the generator it was made with.
+    [ -f "build/$flavour/CMakeCache.txt" ] || generator=(-G Ninja)
+    if ! cmake -S . -B "build/$flavour" "${generator[@]}" -DTAMO_WERROR=ON "$@" >"$log.configure" 2>&1; then
         echo "== $flavour: configure FAILED"
         tail -n 30 "$log.configure"
         broken="$broken $flavour"
@@ -33,6 +41,7 @@ run() {  # run <flavour> <cmake options...>
         broken="$broken $flavour"
         return
     fi
+    built=$(date +%s)
     ctest --test-dir "build/$flavour" -j"$jobs" --output-on-failure >"$log.test" 2>&1
     status=$?
     summary=$(grep -E '^[0-9]+% tests passed' "$log.test" | tail -n 1)
@@ -53,7 +62,7 @@ run() {  # run <flavour> <cmake options...>
         grep -v -E '^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed|^ +Start +[0-9]+: ' "$log.test" | tail -n 200
         broken="$broken $flavour"
     else
-        echo "== $flavour: $total tests passed"
+        echo "== $flavour: $total tests passed (build $((built - start)) s, tests $(($(date +%s) - built)) s)"
     fi
 }
 
@@ -70,11 +79,12 @@ m32_emulator() {
 }
 
 run gcc -DCMAKE_BUILD_TYPE=Release
-run sanitize -DCMAKE_BUILD_TYPE=Debug -DTAMO_SANITIZE=ON -DTAMO_BUILD_BENCH=OFF
+run sanitize -DCMAKE_BUILD_TYPE=Debug -DTAMO_SANITIZE=ON -DTAMO_BUILD_BENCH=OFF -DCMAKE_UNITY_BUILD=ON
 # shellcheck disable=SC2046
-run m32 -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 -DTAMO_BUILD_BENCH=OFF $(m32_emulator)
+run m32 -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 -DTAMO_BUILD_BENCH=OFF \
+    -DCMAKE_UNITY_BUILD=ON $(m32_emulator)
 CC=clang CXX=clang++ run clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMO_SANITIZE=ON -DTAMO_BUILD_FUZZ=ON \
-    -DTAMO_BUILD_BENCH=OFF
+    -DTAMO_BUILD_BENCH=OFF -DCMAKE_UNITY_BUILD=ON
 
 # The fuzz smoke: every target a few seconds under the sanitizers.
 fuzz_smoke() {
@@ -102,7 +112,9 @@ fuzz_smoke() {
         echo "== fuzz smoke: no finding"
     fi
 }
+fuzz_start=$(date +%s)
 fuzz_smoke
+echo "== fuzz smoke took $(($(date +%s) - fuzz_start)) s"
 
 echo "$passed passed, $failed failed"
 if [ -n "$broken" ]; then

@@ -12,10 +12,6 @@ namespace tool {
 
 namespace {
 
-bool startsWith(const std::string& s, const char* prefix) {
-    return s.rfind(prefix, 0) == 0;
-}
-
 const char* orderWord(unsigned order) {
     return order == ELFDATA2MSB ? "big" : "little";
 }
@@ -110,7 +106,7 @@ Bytes convertObject(const Bytes& object, unsigned order, const std::string& name
         const char* n = tamo_elf_strptr(d.elf, h->e_shstrndx, sh->sh_name);
         if (!n || sh->sh_type != 15) continue;
         const std::string s = n;
-        const bool lines = startsWith(s, ".lnno."), symbols = s == ".coff.SDB";
+        const bool lines = s.starts_with(".lnno."), symbols = s == ".coff.SDB";
         if (!lines && !symbols) continue;
         const uint32_t mem = lines ? 6 : 18;
         const uint32_t file = mem + (order == ELFDATA2MSB ? 2 : 0);

@@ -55,10 +55,6 @@ std::string stringAt(Elf* elf, size_t table, uint32_t offset) {
     return s;
 }
 
-bool startsWith(const std::string& s, const char* prefix) {
-    return s.rfind(prefix, 0) == 0;
-}
-
 void readSymbols(Object& o, Elf* elf, const Section& s, const Bytes& bytes) {
     // This format's symbols are 20 bytes and arrive in host order; a
     // standard object's are 16 bytes, read from its bytes in its order.
@@ -136,7 +132,7 @@ void readRelocations(Object& o, const Section& s) {
 }
 
 void readCoff(Object& o, const Section& s) {
-    if (startsWith(s.name, ".lnno.")) {
+    if (s.name.starts_with(".lnno.")) {
         for (size_t i = 0; i + 6 <= s.data.size(); i += 6) {
             CoffLine l;
             l.section = s.name;
@@ -391,9 +387,9 @@ Object surveyObject(Elf* elf, const std::string& file, const Bytes& bytes, bool 
     for (const Section& s : o.sections) {
         if (!s.read) continue;
         if (s.header.sh_type == SHT_RELA || s.header.sh_type == SHT_REL) readRelocations(o, s);
-        if (s.header.sh_type == 15 && (startsWith(s.name, ".lnno.") || s.name == ".coff.SDB")) readCoff(o, s);
+        if (s.header.sh_type == 15 && (s.name.starts_with(".lnno.") || s.name == ".coff.SDB")) readCoff(o, s);
         if (s.name == ".debug_info") readDwarf(o, s, false);
-        if (startsWith(s.name, ".debug_line") && s.name != ".debug_line_str") readDwarf(o, s, true);
+        if (s.name.starts_with(".debug_line") && s.name != ".debug_line_str") readDwarf(o, s, true);
     }
     return o;
 }

@@ -705,18 +705,14 @@ void macros(Walk& w) {
     }
 }
 
-bool startsWith(const std::string& s, const char* prefix) {
-    return s.rfind(prefix, 0) == 0;
-}
-
 }  // namespace
 
 Layout layoutOf(const std::string& name, uint32_t type, uint32_t flags) {
     if (type == 0 || type == 8) return Layout::NoOrder;  // no bytes
     // COFF debug records by name (their types are 15 in files, 16 to 19
     // while the library converts them).
-    if (startsWith(name, ".rela.lnno.")) return Layout::Library;
-    if (type >= 15 && type <= 19 && (name == ".coff.SDB" || startsWith(name, ".lnno."))) return Layout::Library;
+    if (name.starts_with(".rela.lnno.")) return Layout::Library;
+    if (type >= 15 && type <= 19 && (name == ".coff.SDB" || name.starts_with(".lnno."))) return Layout::Library;
     switch (type) {
         case 2:   // symbols
         case 4:   // relocations with addends
@@ -769,10 +765,10 @@ Layout layoutOf(const std::string& name, uint32_t type, uint32_t flags) {
         {".debug_macro", Layout::Macro},
     };
     if (const auto it = byName.find(name); it != byName.end()) return it->second;
-    if (startsWith(name, ".debug_line")) return Layout::Library;
+    if (name.starts_with(".debug_line")) return Layout::Library;
     // Other debugging sections (split DWARF, indexes, compressed) and
     // exception tables have layouts the tool does not walk.
-    if (startsWith(name, ".debug") || startsWith(name, ".zdebug") || startsWith(name, ".gcc_except_table"))
+    if (name.starts_with(".debug") || name.starts_with(".zdebug") || name.starts_with(".gcc_except_table"))
         return Layout::Unknown;
     return Layout::Program;
 }
