@@ -21,6 +21,7 @@
 // general walk, one at a time, after which the chase goes on.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -365,16 +366,22 @@ struct ChaseAt {
 };
 
 // One entry of a lane; false, the entry not taken, when the lane stops:
-// at an entry that would end the tree, or one its slot stops at.
-[[gnu::target("avx2"), gnu::always_inline]] inline bool chaseEntry(ptrdiff_t& pos, ptrdiff_t& depth, ChunkData* d) {
-    const ptrdiff_t at = pos;
-    const unsigned slot = d->slot[at];
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(d->delta + at),
-                        _mm256_load_si256(reinterpret_cast<const __m256i*>(d->table.pattern + slot)));
-    const ptrdiff_t deeper = depth + d->table.depth[slot];
+// at an entry that would end the tree, or one its slot stops at. The lane's
+// place is a pointer into its sizes, the other arrays of its chunk at fixed
+// distances from it: the load from one entry to the next then needs no
+// index.
+constexpr ptrdiff_t kSlotFromSize = offsetof(ChunkData, slot) - offsetof(ChunkData, size);
+constexpr ptrdiff_t kDeltaFromSize = offsetof(ChunkData, delta) - offsetof(ChunkData, size);
+[[gnu::target("avx2"), gnu::always_inline]] inline bool chaseEntry(const uint8_t*& p, ptrdiff_t& depth,
+                                                                   const ScanTable& t) {
+    const uint8_t* at = p;
+    const unsigned slot = at[kSlotFromSize];
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(const_cast<uint8_t*>(at) + kDeltaFromSize),
+                        _mm256_load_si256(reinterpret_cast<const __m256i*>(t.pattern + slot)));
+    const ptrdiff_t deeper = depth + t.depth[slot];
     if (deeper <= 0) return false;
     depth = deeper;
-    pos = at + d->size[at];
+    p = at + *at;
     return true;
 }
 
@@ -384,32 +391,33 @@ struct ChaseAt {
 // would wait for the stores to reach the cache.)
 template <unsigned N>
 [[TAMO_AVX512]] unsigned chaseLanes(ChaseAt* const* at) {
-    ptrdiff_t p0 = at[0]->pos, d0 = at[0]->depth, p1 = 0, d1 = 0, p2 = 0, d2 = 0;
     ChunkData *c0 = at[0]->d, *c1 = nullptr, *c2 = nullptr;
-    if constexpr (N > 1) p1 = at[1]->pos, d1 = at[1]->depth, c1 = at[1]->d;
-    if constexpr (N > 2) p2 = at[2]->pos, d2 = at[2]->depth, c2 = at[2]->d;
+    const uint8_t *p0 = c0->size + at[0]->pos, *p1 = nullptr, *p2 = nullptr;
+    ptrdiff_t d0 = at[0]->depth, d1 = 0, d2 = 0;
+    if constexpr (N > 1) c1 = at[1]->d, p1 = c1->size + at[1]->pos, d1 = at[1]->depth;
+    if constexpr (N > 2) c2 = at[2]->d, p2 = c2->size + at[2]->pos, d2 = at[2]->depth;
     unsigned stopped;
     for (;;) {
-        if (!chaseEntry(p0, d0, c0)) {
+        if (!chaseEntry(p0, d0, c0->table)) {
             stopped = 0;
             break;
         }
         if constexpr (N > 1) {
-            if (!chaseEntry(p1, d1, c1)) {
+            if (!chaseEntry(p1, d1, c1->table)) {
                 stopped = 1;
                 break;
             }
         }
         if constexpr (N > 2) {
-            if (!chaseEntry(p2, d2, c2)) {
+            if (!chaseEntry(p2, d2, c2->table)) {
                 stopped = 2;
                 break;
             }
         }
     }
-    at[0]->pos = p0, at[0]->depth = d0;
-    if constexpr (N > 1) at[1]->pos = p1, at[1]->depth = d1;
-    if constexpr (N > 2) at[2]->pos = p2, at[2]->depth = d2;
+    at[0]->pos = p0 - c0->size, at[0]->depth = d0;
+    if constexpr (N > 1) at[1]->pos = p1 - c1->size, at[1]->depth = d1;
+    if constexpr (N > 2) at[2]->pos = p2 - c2->size, at[2]->depth = d2;
     return stopped;
 }
 
