@@ -4,6 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -38,3 +40,32 @@ private:
     std::vector<std::pair<std::string, std::string>> m_pairs;
     std::map<std::string, double> m_rates;
 };
+
+// Times a baseline and the library's operation in alternation, `rounds` of
+// each, and prints the library's throughput relative to the baseline: from
+// the best time of each, and the median over the rounds of each adjacent
+// pair. On a machine whose speed drifts, the benchmarks above run minutes
+// apart; these pairs run milliseconds apart. (A time ratio is the inverse.)
+template <class Base, class Lib>
+void printInterleaved(const char* what, int rounds, double baseBytes, double libBytes, Base&& base, Lib&& lib) {
+    using Clock = std::chrono::steady_clock;
+    auto seconds = [](auto& f) {
+        const auto t0 = Clock::now();
+        f();
+        return std::chrono::duration<double>(Clock::now() - t0).count();
+    };
+    double bestBase = 1e300, bestLib = 1e300;
+    std::vector<double> ratios;
+    for (int r = 0; r < rounds; ++r) {
+        const double tb = seconds(base), tl = seconds(lib);
+        bestBase = std::min(bestBase, tb);
+        bestLib = std::min(bestLib, tl);
+        ratios.push_back((libBytes / tl) / (baseBytes / tb));
+    }
+    std::sort(ratios.begin(), ratios.end());
+    const double median = ratios[ratios.size() / 2], best = (libBytes / bestLib) / (baseBytes / bestBase);
+    std::printf("  %s, %d rounds in alternation: ratio %.2f of the best times (%.0f against %.0f MB/s), median of the "
+                "rounds %.2f (%.2f to %.2f)\n",
+                what, rounds, best, libBytes / bestLib / 1e6, baseBytes / bestBase / 1e6, median, ratios.front(),
+                ratios.back());
+}

@@ -121,5 +121,18 @@ int main(int argc, char** argv) {
         {"BM_debug_info_between/min_time:2.000", "BM_memcpy/min_time:2.000"}});
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
+    const Sections& s = sections();
+    if (s.info.empty()) return 0;
+    std::vector<uint8_t> buf = s.info, dst(s.info.size(), 1);
+    char* p = reinterpret_cast<char*>(buf.data());
+    const tamo::AbbrevBytes abbrev{s.abbrev.data(), s.abbrev.size()};
+    bool toFile = false;
+    const double bytes = static_cast<double>(buf.size());
+    printInterleaved("in place against memcpy, a pass a round", 60, bytes, bytes,
+                     [&] { std::memcpy(dst.data(), s.info.data(), s.info.size()); },
+                     [&] {
+                         tamo::dwarfConvert(".debug_info", p, p, buf.size(), nullptr, toFile, &abbrev);
+                         toFile = !toFile;
+                     });
     return 0;
 }

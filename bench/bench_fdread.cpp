@@ -161,5 +161,16 @@ int main(int argc, char** argv) {
                             {"BM_fdread_little/min_time:2.000", "BM_read_reused/min_time:2.000"}});
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
+    File& f = bigFile();
+    std::vector<char> buf(f.size, 1);
+    const double bytes = static_cast<double>(f.size);
+    printInterleaved("big-endian through a file id against read(2) into a touched buffer", 20, bytes, bytes,
+                     [&] { readAll(f.fd, buf.data(), f.size); },
+                     [&] {
+                         lseek(f.fd, 0, SEEK_SET);
+                         Elf* elf = tamo_elf_begin(f.fd, ELF_C_READ, nullptr);
+                         if (!elf || tamo_elf_cntl(elf, ELF_C_FDREAD) != 0) std::abort();
+                         tamo_elf_end(elf);
+                     });
     return 0;
 }

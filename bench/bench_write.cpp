@@ -147,5 +147,20 @@ int main(int argc, char** argv) {
         {"BM_update_write/min_time:3.000", "BM_memcpy_write/min_time:3.000"}});
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
+    const size_t n = static_cast<size_t>(size);
+    std::vector<char> image(n, 1);
+    printInterleaved("update and write against memcpy and write", 20, static_cast<double>(n), static_cast<double>(n),
+                     [&] {
+                         size_t at = 0;
+                         for (const auto& b : o.buffers) {
+                             std::memcpy(image.data() + at, b.data(), b.size());
+                             at += b.size();
+                         }
+                         lseek(o.fd, 0, SEEK_SET);
+                         if (write(o.fd, image.data(), n) != static_cast<ssize_t>(n)) std::abort();
+                     },
+                     [&] {
+                         if (o.update() <= 0) std::abort();
+                     });
     return 0;
 }

@@ -14,7 +14,7 @@ children=""
 [ "${MEMCHECK_CHILDREN:-0}" = 1 ] && children="--trace-children=yes --trace-children-skip=/usr/*"
 status=0
 for t in "$build"/tests/test_*; do
-    [ -x "$t" ] || continue
+    [ -f "$t" ] && [ -x "$t" ] || continue
     name=$(basename "$t")
     # shellcheck disable=SC2086
     if valgrind -q --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite,indirect \
