@@ -4,7 +4,8 @@
 //
 // - A vector pass takes every byte of the chunk as if an entry began there
 //   and finds, from its code and the unit's ScanTable, the entry's size and
-//   the slot of its pattern, checking that its LEB128 value is of one byte,
+//   the slot of its pattern, checking that its LEB128 value is of one byte
+//   (or two, once the unit has had one refused and its table allows it),
 //   that its expression is of one to three bytes with nothing to reverse,
 //   and that it ends inside the unit; positions that fail, and those past
 //   the chunk's, get the slot that stops the chase.
@@ -36,9 +37,9 @@ namespace tamo::dwarf {
 namespace {
 
 // The scan's view of an entry: at most 32 bytes; the code (one byte), then
-// values of fixed width, at most one LEB128 value, taken as one byte (which
-// the scan checks), and at most one exprloc of one to three bytes with
-// nothing to reverse.
+// values of fixed width, at most one LEB128 value, of one byte or, where the
+// unit asks for it, two (which the scan checks), and at most one exprloc of
+// one to three bytes with nothing to reverse.
 //
 // An operand the expression walk reverses is of two bytes or more, and one
 // that runs off the expression leaves it as it is: in one or two bytes
@@ -73,12 +74,17 @@ struct alignas(64) ScanTable {
     // By operation, op & 0x7f: bit 6 (bit 7 for op | 0x80) when an
     // expression it begins may have its operand reversed.
     uint8_t reversing[0x80];
+    // What is added to the slot of an entry whose LEB128 value is of two
+    // bytes, to reach the slots laid out for it; 0: such an entry is
+    // refused (as every one is where a LEB128 value follows an expression).
+    uint8_t wide[0x80];
     // By slot: the change of depth (+1: has children; -1: the 0 that ends a
     // list of them), and where each byte comes from.
     int16_t depth[0x100];
     Pattern pattern[0x100];
-    // Whether an abbreviation has its LEB128 value after its expression.
-    bool lebAfterExpression;
+    // Whether an abbreviation has its LEB128 value after its expression,
+    // and whether any has slots for a LEB128 value of two bytes.
+    bool lebAfterExpression, anyWide;
 };
 constexpr unsigned kExpressions = 31;
 // The slot of a position at which the chase stops: an entry it does not
@@ -100,8 +106,9 @@ struct Layout {
     unsigned leb = 0;  // the offset of its LEB128 value; 0: none
 };
 
-// Lays out the entries of a plan; false when the scan cannot take them.
-bool layOut(const dwarf::Plan& p, unsigned length, Layout& l, Pattern& pattern) {
+// Lays out the entries of a plan, with a LEB128 value of `lebBytes`; false
+// when the scan cannot take them.
+bool layOut(const dwarf::Plan& p, unsigned length, unsigned lebBytes, Layout& l, Pattern& pattern) {
     l = Layout{};
     pattern = Pattern{};
     unsigned at = 1;  // the code
@@ -119,8 +126,9 @@ bool layOut(const dwarf::Plan& p, unsigned length, Layout& l, Pattern& pattern) 
                 at += step.value;
                 break;
             case Step::Leb:
-                if (at >= kScanWidth || l.leb) return false;
-                l.leb = at++;
+                if (at + lebBytes > kScanWidth || l.leb) return false;
+                l.leb = at;
+                at += lebBytes;
                 break;
             case Step::Block:
                 if (step.width != 0 || !step.expression || expression || length == 0 ||
@@ -159,7 +167,7 @@ void makeScanTable(void* tables, const CDwarfAbbrevTable& table, const Unit& u) 
         Layout l[4];
         bool taken = true;
         for (unsigned length = expression ? 1 : 0; length <= (expression ? 3 : 0); ++length) {
-            taken = taken && layOut(plan, length, l[length], t.pattern[slot + length]);
+            taken = taken && layOut(plan, length, 1, l[length], t.pattern[slot + length]);
             t.depth[slot + length] = e->m_bHasChildren ? 1 : 0;
         }
         if (!taken) continue;
@@ -172,6 +180,31 @@ void makeScanTable(void* tables, const CDwarfAbbrevTable& table, const Unit& u) 
                 static_cast<uint8_t>(expression && first.leb > first.lengthAt ? (first.leb - 1) | 0x80 : first.leb);
         t.lebAfterExpression |= (t.leb[code] & 0x80) != 0;
         t.slot[code] = static_cast<uint8_t>(slot);
+    }
+    // Slots for entries whose LEB128 value is of two bytes (an index of
+    // DW_FORM_addrx past 127, in every larger DWARF 5 unit), from the groups
+    // of four the expressions leave: the same layouts a byte further on.
+    for (uint32_t code = 1; code < 0x80 && !t.lebAfterExpression; ++code) {
+        if (t.slot[code] == kStopSlot || !t.leb[code] || expressions == kExpressions) continue;
+        const CDwarfAbbrevEntry* e = table.find(code);
+        const dwarf::Plan& plan = planOf(*e, u);
+        const bool expression = t.lengthAt[code] != 0;
+        const unsigned group = 0x80 + 4 * expressions;
+        bool taken = true;
+        for (unsigned length = expression ? 1 : 0; length <= (expression ? 3 : 0); ++length) {
+            Layout l;
+            // Without an expression, the group's second slot (its first stops).
+            const unsigned slot = group + (expression ? length : 1);
+            taken = taken && layOut(plan, length, 2, l, t.pattern[slot]);
+            t.depth[slot] = e->m_bHasChildren ? 1 : 0;
+        }
+        if (!taken) {
+            for (unsigned k = 1; k < 4; ++k) t.depth[group + k] = kStopDepth;
+            continue;
+        }
+        ++expressions;
+        t.wide[code] = static_cast<uint8_t>((expression ? group : group + 1) - t.slot[code]);
+        t.anyWide = true;
     }
     for (unsigned op = 0; op < 0x100; ++op) {
         const dwarf::Operands o = dwarf::kOperands[op];
@@ -235,14 +268,15 @@ struct Table128 {
 
 // The tables of the first pass, in vector registers.
 struct PrepareTables {
-    Table128 size, lengthAt, leb, slot, reversing;
+    Table128 size, lengthAt, leb, slot, reversing, wide;
 };
 [[TAMO_AVX512, gnu::always_inline]] inline PrepareTables prepareTables(const ScanTable& t) {
     return {table128(t.size),
             table128(t.lengthAt),
             table128(t.leb),
             table128(t.slot),
-            table128(t.reversing)};
+            table128(t.reversing),
+            table128(t.wide)};
 }
 
 // The chunk as the first pass sees it, copied out of ChunkData: the pass's
@@ -255,11 +289,16 @@ struct ChunkView {
     uint8_t* slot;
 };
 
+// The shapes of the first pass: LEB128 values of one byte, the same where a
+// value may follow an expression, and values of one or two bytes (once a
+// unit has had an entry refused and its table has slots for them).
+enum class Pass { Narrow, LebAfterExpression, Wide };
+
 // The first vector pass over positions [i, i + 64) of a chunk. A position
 // refused has bit 7 set in a flags byte, kept in a vector register (tests
 // into mask registers cost more than the byte permutes here), and turned
 // into kStopSlot at the end.
-template <bool LebAfterExpression>
+template <Pass P>
 [[TAMO_AVX512, gnu::always_inline]] inline void prepareBlock(const PrepareTables& t, const ChunkView& d, size_t i) {
     const __m512i iota = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
                                          44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
@@ -277,11 +316,27 @@ template <bool LebAfterExpression>
     // Codes of two bytes and more are refused by their bit 7, codes with no
     // shape by their slot.
     const __m512i base = lookup(t.size, code);
+    // The LEB128 value's offset (bit 7: counted from the expression's end).
+    const __m512i o = lookup(t.leb, code);
+    // A LEB128 value of two bytes (never after an expression) moves what
+    // follows it a byte on: `wide` marks the positions where it is taken,
+    // `delta` what their slots gain.
+    __mmask64 wide = 0;
+    __m512i delta = _mm512_setzero_si512(), leb = delta;
+    if constexpr (P == Pass::Wide) {
+        const __m512i lebIndex = _mm512_add_epi8(iota, o);
+        const __m512i first = at(code, after, lebIndex);
+        delta = lookup(t.wide, code);
+        wide = _mm512_mask_test_epi8_mask(_mm512_test_epi8_mask(delta, delta), first, bit7);
+        // Of a value of two bytes, the last is checked as a one-byte value is.
+        leb = _mm512_mask_blend_epi8(wide, first, at(code, after, _mm512_add_epi8(lebIndex, one)));
+    }
     // The expression's length (0 without one). Its slot stops the chase
     // unless it is of one to three bytes; one whose first operation may
     // have its operand reversed is refused.
     const __m512i la = lookup(t.lengthAt, code);
-    const __m512i lengthIndex = _mm512_add_epi8(iota, la);
+    __m512i lengthIndex = _mm512_add_epi8(iota, la);
+    if constexpr (P == Pass::Wide) lengthIndex = _mm512_mask_add_epi8(lengthIndex, wide, lengthIndex, one);
     const __m512i length = _mm512_maskz_permutex2var_epi8(_mm512_test_epi8_mask(la, la), code, lengthIndex, after);
     const __m512i op = at(code, after, _mm512_add_epi8(lengthIndex, one));
     const __m512i r = lookup(t.reversing, op);
@@ -291,20 +346,25 @@ template <bool LebAfterExpression>
     // The LEB128 value: below 0x80 (after the expression, that much
     // further). (The permute reads an index's low seven bits: bit 7 of the
     // offset may stay in.)
-    const __m512i o = lookup(t.leb, code);
-    __m512i lebIndex = _mm512_add_epi8(iota, o);
-    if constexpr (LebAfterExpression) {
-        const __m512i after7 = _mm512_and_si512(o, bit7);
-        lebIndex = _mm512_add_epi8(lebIndex, _mm512_and_si512(length, _mm512_adds_epu8(after7, after7)));
+    if constexpr (P != Pass::Wide) {
+        __m512i lebIndex = _mm512_add_epi8(iota, o);
+        if constexpr (P == Pass::LebAfterExpression) {
+            const __m512i after7 = _mm512_and_si512(o, bit7);
+            lebIndex = _mm512_add_epi8(lebIndex, _mm512_and_si512(length, _mm512_adds_epu8(after7, after7)));
+        }
+        leb = at(code, after, lebIndex);
     }
-    const __m512i leb = at(code, after, lebIndex);
     // Bit 7 of the flags: code | leb | (reversing & isExpression); then
     // 0xff where it is set, 0 elsewhere.
     const __m512i flags = _mm512_and_si512(
         _mm512_ternarylogic_epi64(reversing, isExpression, _mm512_or_si512(code, leb), 0xea), bit7);
-    const __m512i entrySize = _mm512_add_epi8(base, length);
-    __m512i slot = _mm512_or_si512(_mm512_add_epi8(lookup(t.slot, code), _mm512_min_epu8(length, four)),
-                                   _mm512_adds_epu8(flags, flags));
+    __m512i entrySize = _mm512_add_epi8(base, length);
+    __m512i slot = _mm512_add_epi8(lookup(t.slot, code), _mm512_min_epu8(length, four));
+    if constexpr (P == Pass::Wide) {
+        entrySize = _mm512_mask_add_epi8(entrySize, wide, entrySize, one);
+        slot = _mm512_mask_add_epi8(slot, wide, slot, delta);
+    }
+    slot = _mm512_or_si512(slot, _mm512_adds_epu8(flags, flags));
     // The entry must end inside the unit (which only entries in the unit's
     // last 128 bytes could fail). The positions past the chunk's are marked
     // by prepareChunk.
@@ -317,18 +377,20 @@ template <bool LebAfterExpression>
 
 // The first pass over a chunk. The positions past the chunk's (where its
 // last entries end) stop the chase.
-template <bool LebAfterExpression>
+template <Pass P>
 [[TAMO_AVX512]] void prepareBlocks(ChunkData& d) {
     const PrepareTables t = prepareTables(d.table);
     const ChunkView view{d.in, d.out, d.unitEnd, d.size, d.slot};
-    for (size_t i = 0, n = d.n; i < n; i += 64) prepareBlock<LebAfterExpression>(t, view, i);
+    for (size_t i = 0, n = d.n; i < n; i += 64) prepareBlock<P>(t, view, i);
     std::memset(d.slot + d.n, kStopSlot, 128);
 }
-void prepareChunk(ChunkData& d) {
+void prepareChunk(ChunkData& d, bool wide) {
     if (d.table.lebAfterExpression)
-        prepareBlocks<true>(d);
+        prepareBlocks<Pass::LebAfterExpression>(d);
+    else if (wide)
+        prepareBlocks<Pass::Wide>(d);
     else
-        prepareBlocks<false>(d);
+        prepareBlocks<Pass::Narrow>(d);
 }
 
 // The last vector pass: converts positions [from, to) of a chunk (`in`)
@@ -434,6 +496,9 @@ struct ChaseLane {
     size_t chunk = 0;  // where the chunk begins in the section
     size_t from = 0;   // the first of its positions not yet converted
     bool active = false;
+    // Whether the unit's chunks are prepared for LEB128 values of two bytes:
+    // from its first entry refused on, where its table has slots for them.
+    bool wide = false;
     // The positions of the last chunk that the chase took and that are yet
     // to be converted. A load of 64 bytes of patterns whose stores are still
     // on their way to the cache waits for every one of them, so a chunk the
@@ -475,7 +540,7 @@ struct ChaseLane {
             std::memset(d.bytes + have, 0, sizeof d.bytes - have);
             d.in = d.bytes;
         }
-        prepareChunk(d);
+        prepareChunk(d, wide);
         convertPending();
         at.pos = 0;
         at.depth = lane.depth;
@@ -516,6 +581,7 @@ struct ChaseLane {
     // their header (or take the rest of the section) are passed.
     void claim(const CursorPair& whole, size_t& next) {
         lane.inUnit = false;
+        wide = false;
         while (next < whole.size() && !lane.inUnit) {
             if (!sameKindOfUnit(whole, next))
                 lane = startUnit(Lane<B>(whole, next, whole.size(), lane.types), quick);
@@ -548,14 +614,20 @@ struct ChaseLane {
         }
         lane.c.Handled(chunk + stoppedAt - lane.c.pos());
         lane.depth = at.depth;
-        if (stoppedAt < data->n || stoppedAt >= data->unitEnd) swap_dwarf_entry(lane);
+        bool widened = false;
+        if (stoppedAt < data->n || stoppedAt >= data->unitEnd) {
+            widened = !wide && data->table.anyWide;
+            wide |= widened;
+            swap_dwarf_entry(lane);
+        }
         // Deeper trees than the chase's stop can end go the general way.
         while (lane.inUnit && lane.depth > kDeepest) swap_dwarf_entry(lane);
         if (!lane.inUnit) return false;
         // The chase goes on in the chunk where the general walk left it, or
-        // in the next chunk.
+        // in a new chunk from there: at the chunk's end, or once the unit is
+        // to be prepared for LEB128 values of two bytes.
         from = lane.c.pos() - chunk;
-        if (from < data->n) {
+        if (from < data->n && !widened) {
             at.pos = static_cast<ptrdiff_t>(from);
             at.depth = lane.depth;
             return true;

@@ -203,6 +203,42 @@ TEST(DebugInfo, ShortExpressionsInTheFasterWalks) {
         }
 }
 
+TEST(DebugInfo, AddressIndicesOfEveryLengthInTheFasterWalks) {
+    // DWARF 5 units index their addresses (DW_FORM_addrx): past 127 an index
+    // takes two bytes, past 16,383 three. Subprograms (the index before an
+    // expression and other fields) and variables (no expression) with
+    // indices of every length, a two-byte 0 among them: the faster walks
+    // give what the plain walk gives.
+    const Bytes abbrev = encode(bytes({1, 0x11, 1, 0, 0,                                              //
+                                       2, 0x2e, 0, 0x11, 0x1b, 0x12, 0x06, 0x40, 0x18, 0x03, 0x26, 0, 0,  //
+                                       3, 0x34, 0, 0x11, 0x1b, 0x03, 0x05, 0, 0, 0}),
+                                kHost);
+    const tamo::AbbrevBytes a{abbrev.data(), abbrev.size()};
+    // DW_OP_reg1; DW_OP_fbreg -1; DW_OP_fbreg -129.
+    const Fields expressions[] = {bytes({1, 0x51}), bytes({2, 0x91, 0x7f}), bytes({3, 0x91, 0xff, 0x7e})};
+    Fields children;
+    for (uint32_t index = 0, k = 0; index < 20000; index += 7, ++k) {
+        const Fields value = index == 133 ? bytes({0x80, 0x00}) : uleb(index);
+        children = cat({children, uleb(2), value, Fields{{4, index}}, expressions[k % 3], Fields{{2, index}},  //
+                        uleb(3), value, Fields{{2, index}}});
+    }
+    for (bool back : {false, true}) {
+        const Bytes in = encode(unit(5, cat({uleb(1), children, bytes({0})})), Order::Big);
+        Bytes plain = in;
+        char* p = reinterpret_cast<char*>(plain.data());
+        tamo::dwarfConvert(".debug_info", p, p, in.size(), nullptr, back, &a, tamo::Walk::OneUnit);
+        ASSERT_NE(plain, in);
+        for (const tamo::Walk walk : {tamo::Walk::Chase, tamo::Walk::Windows}) {
+            Bytes inPlace = in, src = in, out(in.size());
+            tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
+                               reinterpret_cast<char*>(inPlace.data()), in.size(), nullptr, back, &a, walk);
+            tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(src.data()), reinterpret_cast<char*>(out.data()),
+                               in.size(), nullptr, back, &a, walk);
+            EXPECT_TRUE(inPlace == plain && out == plain) << "walk " << static_cast<int>(walk) << (back ? ", back" : "");
+        }
+    }
+}
+
 TEST(DebugInfo, UnitHeadersTreesAndSeveralUnits) {
     // Version 5 headers of every unit type, a tree of entries with children,
     // an empty children list, bytes after the tree, and several units with
