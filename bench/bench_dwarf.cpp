@@ -1,8 +1,10 @@
 // Converting 32 MiB of real .debug_info units between byte orders, in place
 // and back (two passes an iteration), against memcpy of the same bytes into
 // an already-touched buffer, in the same run. The units come from clang's
-// output for tests/data/dwarf_sample.cpp (DWARF 5, big-endian), repeated;
-// without clang the benchmark says so and does nothing.
+// output (DWARF 5, big-endian), repeated: for tests/data/dwarf_sample.cpp
+// (units of about 1 KiB), and for a generated source of 3,000 structures
+// and functions (units of about 430 KiB, whose address indices take two
+// bytes). Without clang the benchmark says so and does nothing.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -10,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "RatioReporter.h"
@@ -24,12 +27,11 @@ struct Sections {
     std::vector<uint8_t> info, abbrev;
 };
 
-// .debug_info and .debug_abbrev as stored in a clang object.
-bool load(Sections& out) {
+// .debug_info and .debug_abbrev as stored in clang's object for a source.
+bool load(const std::string& source, Sections& out) {
     const std::string obj = "/tmp/tamoelf-bench-dwarf.o";
-    const std::string cmd = "clang++ --target=powerpc-linux-gnu -fno-addrsig -g -O0 -c '" TAMO_TEST_DATA
-                            "/dwarf_sample.cpp' -o " +
-                            obj + " 2>/dev/null";
+    const std::string cmd =
+        "clang++ --target=powerpc-linux-gnu -fno-addrsig -g -O0 -c '" + source + "' -o " + obj + " 2>/dev/null";
     if (std::system(cmd.c_str()) != 0) return false;
     const int fd = open(obj.c_str(), O_RDONLY);
     Elf* elf = tamo_elf_begin(fd, ELF_C_READ, nullptr);
@@ -50,13 +52,34 @@ bool load(Sections& out) {
     return !out.info.empty() && !out.abbrev.empty();
 }
 
+Sections repeated(const std::string& source) {
+    Sections one, all;
+    if (!load(source, one)) return all;
+    all.abbrev = one.abbrev;
+    while (all.info.size() < kTarget) all.info.insert(all.info.end(), one.info.begin(), one.info.end());
+    return all;
+}
+
 Sections& sections() {
+    static Sections s = repeated(TAMO_TEST_DATA "/dwarf_sample.cpp");
+    return s;
+}
+
+Sections& largeUnits() {
     static Sections s = [] {
-        Sections one, all;
-        if (!load(one)) return all;
-        all.abbrev = one.abbrev;
-        while (all.info.size() < kTarget) all.info.insert(all.info.end(), one.info.begin(), one.info.end());
-        return all;
+        const std::string source = "/tmp/tamoelf-bench-dwarf-large.cpp";
+        FILE* f = std::fopen(source.c_str(), "w");
+        if (!f) return Sections{};
+        for (int i = 0; i < 3000; ++i)
+            std::fprintf(f,
+                         "struct S%d { int a; long b; char c[%d]; double d; S%d* next; };\n"
+                         "int f%d(S%d* p, int x) { int y = x * %d; for (int k = 0; k < x; ++k) y += p->a + k;"
+                         " if (p->next) y += f%d(p->next, x - 1); return y; }\n",
+                         i, i % 7 + 1, i, i, i, i, i);
+        std::fclose(f);
+        Sections s = repeated(source);
+        unlink(source.c_str());
+        return s;
     }();
     return s;
 }
@@ -71,8 +94,7 @@ void BM_memcpy(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * s.info.size()));
 }
 
-void BM_debug_info_in_place(benchmark::State& state) {
-    const Sections& s = sections();
+void inPlace(benchmark::State& state, const Sections& s) {
     if (s.info.empty()) {
         state.SkipWithError("clang is not installed");
         return;
@@ -87,6 +109,9 @@ void BM_debug_info_in_place(benchmark::State& state) {
     if (buf != s.info) state.SkipWithError("converting back did not restore the units");
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * 2 * buf.size()));
 }
+
+void BM_debug_info_in_place(benchmark::State& state) { inPlace(state, sections()); }
+void BM_debug_info_large_units(benchmark::State& state) { inPlace(state, largeUnits()); }
 
 void BM_debug_info_between(benchmark::State& state) {
     const Sections& s = sections();
@@ -109,6 +134,7 @@ void BM_debug_info_between(benchmark::State& state) {
 BENCHMARK(BM_memcpy)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(BM_debug_info_in_place)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(BM_debug_info_between)->Unit(benchmark::kMillisecond)->MinTime(2);
+BENCHMARK(BM_debug_info_large_units)->Unit(benchmark::kMillisecond)->MinTime(2);
 
 }  // namespace
 
@@ -118,21 +144,26 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter(std::vector<std::pair<std::string, std::string>>{
         {"BM_debug_info_in_place/min_time:2.000", "BM_memcpy/min_time:2.000"},
-        {"BM_debug_info_between/min_time:2.000", "BM_memcpy/min_time:2.000"}});
+        {"BM_debug_info_between/min_time:2.000", "BM_memcpy/min_time:2.000"},
+        {"BM_debug_info_large_units/min_time:2.000", "BM_memcpy/min_time:2.000"}});
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
-    const Sections& s = sections();
-    if (s.info.empty()) return 0;
-    std::vector<uint8_t> buf = s.info, dst(s.info.size(), 1);
-    char* p = reinterpret_cast<char*>(buf.data());
-    const tamo::AbbrevBytes abbrev{s.abbrev.data(), s.abbrev.size()};
-    bool toFile = false;
-    const double bytes = static_cast<double>(buf.size());
-    printInterleaved("in place against memcpy, a pass a round", 60, bytes, bytes,
-                     [&] { std::memcpy(dst.data(), s.info.data(), s.info.size()); },
-                     [&] {
-                         tamo::dwarfConvert(".debug_info", p, p, buf.size(), nullptr, toFile, &abbrev);
-                         toFile = !toFile;
-                     });
+    const std::pair<const char*, Sections*> inputs[] = {
+        {"units of 1 KiB in place against memcpy, a pass a round", &sections()},
+        {"units of 430 KiB in place against memcpy, a pass a round", &largeUnits()}};
+    for (const auto& [what, input] : inputs) {
+        const Sections& s = *input;
+        if (s.info.empty()) continue;
+        std::vector<uint8_t> buf = s.info, dst(s.info.size(), 1);
+        char* p = reinterpret_cast<char*>(buf.data());
+        const tamo::AbbrevBytes abbrev{s.abbrev.data(), s.abbrev.size()};
+        bool toFile = false;
+        const double bytes = static_cast<double>(buf.size());
+        printInterleaved(what, 60, bytes, bytes, [&] { std::memcpy(dst.data(), s.info.data(), s.info.size()); },
+                         [&] {
+                             tamo::dwarfConvert(".debug_info", p, p, buf.size(), nullptr, toFile, &abbrev);
+                             toFile = !toFile;
+                         });
+    }
     return 0;
 }
