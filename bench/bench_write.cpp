@@ -96,18 +96,24 @@ long maxRssKiB() {
     return u.ru_maxrss;
 }
 
+// The plain operation: the caller's buffers copied into an image, which is
+// written.
+void memcpyAndWrite(const Output& o, std::vector<char>& image) {
+    size_t at = 0;
+    for (const auto& b : o.buffers) {
+        std::memcpy(image.data() + at, b.data(), b.size());
+        at += b.size();
+    }
+    lseek(o.fd, 0, SEEK_SET);
+    if (write(o.fd, image.data(), image.size()) != static_cast<ssize_t>(image.size())) std::abort();
+}
+
 void BM_memcpy_write(benchmark::State& state) {
     Output& o = output();
     const size_t n = static_cast<size_t>(lseek(o.fd, 0, SEEK_END));
     std::vector<char> image(n, 1);  // touched before the loop
     for (auto _ : state) {
-        size_t at = 0;
-        for (const auto& b : o.buffers) {
-            std::memcpy(image.data() + at, b.data(), b.size());
-            at += b.size();
-        }
-        lseek(o.fd, 0, SEEK_SET);
-        if (write(o.fd, image.data(), n) != static_cast<ssize_t>(n)) std::abort();
+        memcpyAndWrite(o, image);
         benchmark::DoNotOptimize(image.data());
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * n));
@@ -150,15 +156,7 @@ int main(int argc, char** argv) {
     const size_t n = static_cast<size_t>(size);
     std::vector<char> image(n, 1);
     printInterleaved("update and write against memcpy and write", 20, static_cast<double>(n), static_cast<double>(n),
-                     [&] {
-                         size_t at = 0;
-                         for (const auto& b : o.buffers) {
-                             std::memcpy(image.data() + at, b.data(), b.size());
-                             at += b.size();
-                         }
-                         lseek(o.fd, 0, SEEK_SET);
-                         if (write(o.fd, image.data(), n) != static_cast<ssize_t>(n)) std::abort();
-                     },
+                     [&] { memcpyAndWrite(o, image); },
                      [&] {
                          if (o.update() <= 0) std::abort();
                      });

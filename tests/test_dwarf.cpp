@@ -6,6 +6,7 @@
 // back must give the input. Malformed inputs stay inside their buffers.
 #include <fcntl.h>
 
+#include <string>
 #include <tuple>
 
 #include "DwarfAbbrev.h"
@@ -167,6 +168,25 @@ TEST(DebugInfo, EveryLocationOpcode) {
                    abbrevOf({{0x02, 0x18}, {0x3e, 0x05}}), "unknown opcode");
 }
 
+// Converts a unit (`in`, big-endian) with the plain walk and with each
+// faster walk, in place and between buffers: the faster walks must give the
+// plain walk's bytes.
+void expectFasterWalksAsPlain(const Bytes& in, const tamo::AbbrevBytes& a, bool back, const std::string& what) {
+    Bytes plain = in;
+    char* p = reinterpret_cast<char*>(plain.data());
+    tamo::dwarfConvert(".debug_info", p, p, in.size(), nullptr, back, &a, tamo::Walk::OneUnit);
+    ASSERT_NE(plain, in) << what;
+    for (const tamo::Walk walk : {tamo::Walk::Chase, tamo::Walk::Windows}) {
+        Bytes inPlace = in, src = in, out(in.size());
+        tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
+                           reinterpret_cast<char*>(inPlace.data()), in.size(), nullptr, back, &a, walk);
+        tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(src.data()), reinterpret_cast<char*>(out.data()),
+                           in.size(), nullptr, back, &a, walk);
+        EXPECT_TRUE(inPlace == plain && out == plain)
+            << "walk " << static_cast<int>(walk) << ", " << what << (back ? ", back" : "");
+    }
+}
+
 TEST(DebugInfo, ShortExpressionsInTheFasterWalks) {
     // Expressions of one to three bytes, every opcode first, among the
     // children of a compile unit: the faster walks convert those with
@@ -184,23 +204,9 @@ TEST(DebugInfo, ShortExpressionsInTheFasterWalks) {
                                 Fields(tail.begin(), tail.begin() + static_cast<ptrdiff_t>(length - 1)),
                                 bytes({0x42})});
     for (uint8_t addressSize : {2, 4})
-        for (bool back : {false, true}) {
-            const Bytes in = encode(unit(5, cat({uleb(1), children, bytes({0})}), addressSize), Order::Big);
-            Bytes plain = in;
-            char* p = reinterpret_cast<char*>(plain.data());
-            tamo::dwarfConvert(".debug_info", p, p, in.size(), nullptr, back, &a, tamo::Walk::OneUnit);
-            ASSERT_NE(plain, in);
-            for (const tamo::Walk walk : {tamo::Walk::Chase, tamo::Walk::Windows}) {
-                Bytes inPlace = in, src = in, out(in.size());
-                tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
-                                   reinterpret_cast<char*>(inPlace.data()), in.size(), nullptr, back, &a, walk);
-                tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(src.data()),
-                                   reinterpret_cast<char*>(out.data()), in.size(), nullptr, back, &a, walk);
-                EXPECT_TRUE(inPlace == plain && out == plain)
-                    << "walk " << static_cast<int>(walk) << ", addresses of " << int{addressSize}
-                    << (back ? ", back" : "");
-            }
-        }
+        for (bool back : {false, true})
+            expectFasterWalksAsPlain(encode(unit(5, cat({uleb(1), children, bytes({0})}), addressSize), Order::Big), a,
+                                     back, "addresses of " + std::to_string(addressSize));
 }
 
 TEST(DebugInfo, AddressIndicesOfEveryLengthInTheFasterWalks) {
@@ -222,21 +228,9 @@ TEST(DebugInfo, AddressIndicesOfEveryLengthInTheFasterWalks) {
         children = cat({children, uleb(2), value, Fields{{4, index}}, expressions[k % 3], Fields{{2, index}},  //
                         uleb(3), value, Fields{{2, index}}});
     }
-    for (bool back : {false, true}) {
-        const Bytes in = encode(unit(5, cat({uleb(1), children, bytes({0})})), Order::Big);
-        Bytes plain = in;
-        char* p = reinterpret_cast<char*>(plain.data());
-        tamo::dwarfConvert(".debug_info", p, p, in.size(), nullptr, back, &a, tamo::Walk::OneUnit);
-        ASSERT_NE(plain, in);
-        for (const tamo::Walk walk : {tamo::Walk::Chase, tamo::Walk::Windows}) {
-            Bytes inPlace = in, src = in, out(in.size());
-            tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
-                               reinterpret_cast<char*>(inPlace.data()), in.size(), nullptr, back, &a, walk);
-            tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(src.data()), reinterpret_cast<char*>(out.data()),
-                               in.size(), nullptr, back, &a, walk);
-            EXPECT_TRUE(inPlace == plain && out == plain) << "walk " << static_cast<int>(walk) << (back ? ", back" : "");
-        }
-    }
+    for (bool back : {false, true})
+        expectFasterWalksAsPlain(encode(unit(5, cat({uleb(1), children, bytes({0})})), Order::Big), a, back,
+                                 "address indices");
 }
 
 TEST(DebugInfo, UnitHeadersTreesAndSeveralUnits) {
