@@ -72,6 +72,8 @@ public:
 
     // Unsigned LEB128 of any length; keeps the low 32 bits of the value.
     uint32_t uleb() {
+        // Most values are of one byte.
+        if (!m_failed && m_off < m_size && m_data[m_off] < 0x80) return m_data[m_off++];
         uint32_t value = 0;
         unsigned shift = 0;
         for (;;) {

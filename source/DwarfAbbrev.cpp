@@ -11,10 +11,17 @@ using namespace tamo;
 std::vector<std::unique_ptr<CDwarfAbbrevTable>> CDwarfAbbrevTable::s_vTables;
 std::unordered_map<uint32_t, size_t> CDwarfAbbrevTable::s_byOffset;
 
+// Both destructors are part of the library's interface: each frees what
+// its object owns (a table its abbreviations, an abbreviation its
+// specifications and plan).
+CDwarfAbbrevEntry::~CDwarfAbbrevEntry() = default;
+CDwarfAbbrevTable::~CDwarfAbbrevTable() = default;
+
 void CDwarfAbbrevTable::add(std::unique_ptr<CDwarfAbbrevEntry> entry) {
     // The first abbreviation with a code is the one found.
     const uint32_t code = entry->m_lCode;
-    const bool known = (code < m_byDenseCode.size() && m_byDenseCode[code]) || m_byCode.count(code);
+    const bool known =
+        (code < m_byDenseCode.size() && m_byDenseCode[code]) || (!m_byCode.empty() && m_byCode.count(code));
     if (!known) {
         if (code < 2 * m_vEntries.size() + 64) {
             if (code >= m_byDenseCode.size()) m_byDenseCode.resize(code + 1);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "DwarfCursor.h"
+#include "tamoelf.h"
 
 class CDwarfAbbrevEntry;
 
@@ -28,11 +29,51 @@ struct Step {
     uint32_t first = 0;  // Record: its fields in Plan::reversals
     uint32_t count = 0;
 };
+// A growable array holding its first N elements in itself: an
+// abbreviation's specifications and plan seldom need more, and then reading
+// and planning it allocates nothing of its own (in a compiler's object of a
+// few KiB, allocations had been a third of the conversion's time).
+template <class T, size_t N>
+class SmallArray {
+public:
+    // Leaves the elements in itself unset: only the first size() are read.
+    SmallArray() {}
+    SmallArray(const SmallArray&) = delete;
+    SmallArray& operator=(const SmallArray&) = delete;
+    void clear() {
+        m_size = 0;
+        m_heap.clear();
+    }
+    void push_back(const T& v) {
+        if (m_size < N) {
+            m_inline[m_size] = v;
+        } else {
+            if (m_size == N) m_heap.assign(m_inline, m_inline + N);
+            m_heap.push_back(v);
+        }
+        ++m_size;
+    }
+    const T* data() const { return m_size > N ? m_heap.data() : m_inline; }
+    size_t size() const { return m_size; }
+    bool empty() const { return m_size == 0; }
+    const T& operator[](size_t i) const { return data()[i]; }
+    const T* begin() const { return data(); }
+    const T* end() const { return data() + m_size; }
+
+private:
+    T m_inline[N];
+    std::vector<T> m_heap;  // all of them, once past N
+    size_t m_size = 0;
+};
+
 struct Plan {
     uint32_t key = 0;  // address size and version it was made for; 0: not made
-    std::vector<Step> steps;
-    std::vector<Reversal> reversals;
+    SmallArray<Step, 6> steps;
+    SmallArray<Reversal, 8> reversals;
 };
+// The plan of an abbreviation that could not be planned (no memory left):
+// its entries, and the rest of their unit, are copied as they are.
+const Plan& unplannable();
 
 // What the walk needs of an abbreviation whose code is one byte, in one
 // flat array so that an entry costs one load. Most abbreviations have one of
@@ -67,12 +108,18 @@ struct CDwarfAttrib {
 
 class CDwarfAbbrevEntry {
 public:
-    std::vector<CDwarfAttrib> m_vAttribs;  // in section order, terminating pair included
+    // Made without zeroing the room for its specifications first.
+    CDwarfAbbrevEntry() {}
+    TAMO_API ~CDwarfAbbrevEntry();
+    // In section order, terminating pair included; most abbreviations have
+    // at most seven attributes, held in the entry itself.
+    tamo::dwarf::SmallArray<CDwarfAttrib, 8> m_vAttribs;
     uint32_t m_lCode = 0;
     uint32_t m_lTag = 0;
     bool m_bHasChildren = false;
-    // Made by the walk that first converts an entry of this abbreviation.
-    mutable tamo::dwarf::Plan m_plan;
+    // Made by the walk that first converts an entry of this abbreviation
+    // (most abbreviations of a hostile table never are).
+    mutable std::unique_ptr<tamo::dwarf::Plan> m_plan;
 };
 
 class CDwarfAbbrevTable {
@@ -81,6 +128,7 @@ public:
     uint32_t m_lOffset = 0;
 
     explicit CDwarfAbbrevTable(uint32_t offset) : m_lOffset(offset) {}
+    TAMO_API ~CDwarfAbbrevTable();
 
     void add(std::unique_ptr<CDwarfAbbrevEntry> entry);
     // The first abbreviation with this code, or null.

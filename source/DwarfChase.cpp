@@ -669,8 +669,9 @@ void debugInfoChase(const CursorPair& whole, bool types) {
     ChaseLane<B>* lanes[kLanes];
     size_t next = 0;
     unsigned active = 0;
+    // Every lane is made before the first claims (and converts) a unit.
+    for (auto& l : owned) l = std::make_unique<ChaseLane<B>>(idle);
     for (auto& l : owned) {
-        l = std::make_unique<ChaseLane<B>>(idle);
         l->claim(whole, next);
         if (l->active) lanes[active++] = l.get();
     }

@@ -25,7 +25,7 @@ namespace tamo::dwarf {
 
 // A field reversed inside a record of known size.
 struct Reversal {
-    size_t offset;
+    uint32_t offset;
     uint8_t width;
 };
 

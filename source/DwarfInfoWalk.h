@@ -5,6 +5,7 @@
 // other step to these.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -35,7 +36,7 @@ inline unsigned addressWidth(unsigned size) {
 
 // The plan of an abbreviation for a unit: what its forms make of its values,
 // decided once rather than for every entry.
-const Plan& planOf(const CDwarfAbbrevEntry& entry, const Unit& u);
+const Plan& planOf(const CDwarfAbbrevEntry& entry, const Unit& u) noexcept;
 
 // Whether an expression of up to three bytes is one operation whose
 // operands have no byte order (DW_OP_fbreg, DW_OP_call_frame_cfa,
@@ -81,7 +82,7 @@ template <dwarf::Buffers B>
 template <dwarf::Buffers B>
 [[gnu::always_inline]] inline bool swap_dwarf_attributes(const CDwarfAbbrevEntry& entry, dwarf::BasicCursorPair<B>& c,
                                                          const Unit& u) {
-    const dwarf::Plan& p = entry.m_plan.key == u.key() ? entry.m_plan : planOf(entry, u);
+    const dwarf::Plan& p = entry.m_plan && entry.m_plan->key == u.key() ? *entry.m_plan : planOf(entry, u);
     for (const Step& s : p.steps) {
         switch (s.kind) {
             case Step::Record:
@@ -111,16 +112,16 @@ template <dwarf::Buffers B>
 struct QuickTable {
     const CDwarfAbbrevTable* table = nullptr;
     uint32_t key = 0;
-    std::vector<Quick> entries;
+    std::array<Quick, 0x80> entries;
     void (*remake)(void* tables, const CDwarfAbbrevTable& t, const Unit& u) = nullptr;
     void* tables = nullptr;
 
-    const std::vector<Quick>& of(const CDwarfAbbrevTable& t, const Unit& u) {
-        return table == &t && key == u.key() ? entries : make(t, u);
+    const Quick* of(const CDwarfAbbrevTable& t, const Unit& u) {
+        return table == &t && key == u.key() ? entries.data() : make(t, u);
     }
 
 private:
-    const std::vector<Quick>& make(const CDwarfAbbrevTable& t, const Unit& u);
+    const Quick* make(const CDwarfAbbrevTable& t, const Unit& u);
 };
 
 // The unit or program starting at the cursor: its end, or 0 when its length
@@ -221,7 +222,7 @@ template <dwarf::Buffers B>
         finishUnit(l);
         return l;
     }
-    l.quick = quickTable.of(*l.table, l.u).data();
+    l.quick = quickTable.of(*l.table, l.u);
     l.depth = 0;
     l.inUnit = true;
     return l;

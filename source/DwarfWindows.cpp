@@ -320,6 +320,10 @@ struct WindowLane {
     Hot at{};
 
     explicit WindowLane(const Lane<B>& l) : lane(l) {
+        // Their room is taken before anything is converted: remaking them
+        // for a unit allocates nothing.
+        tables.window.reserve(0x100);
+        tables.sizes.reserve(0x100);
         tables.inPlace = B == dwarf::Buffers::Same;
         quick.tables = &tables;
         quick.remake = makeWindows;

@@ -140,7 +140,7 @@ bool quickRecord(const dwarf::Plan& p, const Step* s, bool code, dwarf::QuickRec
 
 // The shape of an abbreviation's plan (see dwarf::Quick).
 void shape(dwarf::Quick& q, const dwarf::Plan& p) {
-    const std::vector<Step>& s = p.steps;
+    const auto& s = p.steps;
     auto isRecord = [](const Step& x) { return x.kind == Step::Record; };
     auto isValue = [](const Step& x) { return x.kind == Step::Leb || x.kind == Step::String || x.kind == Step::Block; };
     if (s.empty() || (s.size() == 1 && isRecord(s[0]))) {
@@ -163,13 +163,9 @@ void shape(dwarf::Quick& q, const dwarf::Plan& p) {
     }
 }
 
-
-}  // namespace
-
-const Plan& planOf(const CDwarfAbbrevEntry& entry, const Unit& u) {
-    dwarf::Plan& p = entry.m_plan;
-    if (p.key == u.key()) return p;
-    p = dwarf::Plan{};
+const Plan& makePlan(Plan& p, const CDwarfAbbrevEntry& entry, const Unit& u) {
+    p.steps.clear();
+    p.reversals.clear();
     p.key = u.key();
     Step record{Step::Record, 0, false, 0};
     auto flush = [&] {
@@ -228,6 +224,30 @@ const Plan& planOf(const CDwarfAbbrevEntry& entry, const Unit& u) {
     return p;
 }
 
+}  // namespace
+
+const Plan& unplannable() {
+    struct Unplannable {
+        Plan plan;
+        Unplannable() { plan.steps.push_back({Step::Unknown, 0, false, 0}); }
+    };
+    static const Unplannable u;
+    return u.plan;
+}
+
+const Plan& planOf(const CDwarfAbbrevEntry& entry, const Unit& u) noexcept {
+    if (entry.m_plan && entry.m_plan->key == u.key()) return *entry.m_plan;
+    try {
+        // Made as it is declared, without zeroing the room in it first.
+        if (!entry.m_plan) entry.m_plan.reset(new Plan);
+        return makePlan(*entry.m_plan, entry, u);
+    } catch (const std::bad_alloc&) {
+        if (entry.m_plan) entry.m_plan->key = 0;
+        return unplannable();
+    }
+}
+
+
 // An expression is walked over its range of the buffers by a pair of its
 // own: it reaches its end whatever it holds.
 void expressionAt(const CursorPair& at, size_t end, const Unit& u) {
@@ -239,10 +259,13 @@ CursorPair indirectStep(CursorPair c, uint32_t attribute, const Unit& u) {
     return c;
 }
 
-const std::vector<Quick>& QuickTable::make(const CDwarfAbbrevTable& t, const Unit& u) {
+const Quick* QuickTable::make(const CDwarfAbbrevTable& t, const Unit& u) {
     table = &t;
     key = u.key();
-    entries.assign(0x80, Quick{});
+    // Filled from a constant: gcc built a fresh blank for each entry, and
+    // each time loaded it whole over the byte it had just stored.
+    static constexpr Quick kBlank{};
+    entries.fill(kBlank);
     entries[0].shape = Quick::End;
     for (uint32_t code = 1; code < 0x80; ++code) {
         const CDwarfAbbrevEntry* e = t.find(code);
@@ -253,7 +276,7 @@ const std::vector<Quick>& QuickTable::make(const CDwarfAbbrevTable& t, const Uni
         shape(q, planOf(*e, u));
     }
     if (remake) remake(tables, t, u);
-    return entries;
+    return entries.data();
 }
 
 namespace {
@@ -276,8 +299,14 @@ void debugInfo(const CursorPair& whole, bool types, Walk walk) {
     // object of one unit, take the plain walk.
     constexpr size_t kFasterFrom = size_t{16} << 10;
     const bool large = walk == Walk::Fast && whole.size() >= kFasterFrom;
-    if ((large || walk == Walk::Chase) && chaseWalkRuns()) return debugInfoChase<B>(whole, types);
-    if ((large || walk == Walk::Windows) && windowsWalkRuns()) return debugInfoWindows<B>(whole, types);
+    // The faster walks allocate their tables before converting anything:
+    // without the memory for them, the plain walk (which allocates nothing
+    // of its own) converts the section.
+    try {
+        if ((large || walk == Walk::Chase) && chaseWalkRuns()) return debugInfoChase<B>(whole, types);
+        if ((large || walk == Walk::Windows) && windowsWalkRuns()) return debugInfoWindows<B>(whole, types);
+    } catch (const std::bad_alloc&) {
+    }
     debugInfoOneLane<B>(whole, types);
 }
 
@@ -408,8 +437,10 @@ void dwarfConvert(const char* name, char* src, char* dst, size_t size, const Elf
             deferred.swap(g_deferred);
         }
     }
-    deferred.insert(deferred.begin(), Deferred{src, dst, size, srcNative, types});
-    for (const Deferred& d : deferred) {
+    // This section first, then any that reading the abbreviations asked for.
+    const Deferred first{src, dst, size, srcNative, types};
+    for (size_t i = 0; i <= deferred.size(); ++i) {
+        const Deferred& d = i == 0 ? first : deferred[i - 1];
         CursorPair c(reinterpret_cast<const uint8_t*>(d.src), reinterpret_cast<uint8_t*>(d.dst), d.size, d.srcNative);
         if (info) {
             if (c.inPlace())

@@ -10,8 +10,15 @@
 // sanitizer's own.
 namespace {
 std::atomic<long> held{0};
+std::atomic<bool> limited{false};
+std::atomic<long> left{0};  // when limited: allocations left before every one fails
+std::atomic<bool> failed{false};
 
 void* take(size_t n) noexcept {
+    if (limited.load() && left.fetch_sub(1) <= 0) {
+        failed = true;
+        return nullptr;
+    }
     void* p = std::malloc(n ? n : 1);
     if (p) held += static_cast<long>(malloc_usable_size(p));
     return p;
@@ -23,6 +30,12 @@ void give(void* p) noexcept {
 }  // namespace
 
 long heldByNew() { return held.load(); }
+
+bool failNewAfter(long n) {
+    left = n;
+    limited = n >= 0;
+    return failed.exchange(false);
+}
 
 void* operator new(size_t n) {
     if (void* p = take(n)) return p;

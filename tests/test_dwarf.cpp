@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "DwarfAbbrev.h"
+#include "HeldMemory.h"
 #include "ReadSupport.h"
 #include "Tools.h"
 #include "dwarf_swap.h"
@@ -231,6 +232,49 @@ TEST(DebugInfo, AddressIndicesOfEveryLengthInTheFasterWalks) {
     for (bool back : {false, true})
         expectFasterWalksAsPlain(encode(unit(5, cat({uleb(1), children, bytes({0})})), Order::Big), a, back,
                                  "address indices");
+}
+
+TEST(DebugInfo, WithoutMemoryAtAnyAllocation) {
+    // Every allocation a conversion makes fails in turn, with those after
+    // it: nothing escapes the call, nothing leaks (under the sanitizers),
+    // and each field is either converted or left as it was. A faster walk
+    // that cannot make its tables leaves the section to the plain walk.
+    const Bytes abbrev = encode(bytes({1, 0x11, 1, 0x25, 0x08, 0, 0,  //
+                                       2, 0x2e, 0, 0x11, 0x1b, 0x12, 0x06, 0x40, 0x18, 0x03, 0x0b, 0, 0,  //
+                                       3, 0x34, 0, 0x02, 0x18, 0x49, 0x13, 0, 0, 0}),
+                                kHost);
+    const tamo::AbbrevBytes a{abbrev.data(), abbrev.size()};
+    Fields children;
+    for (uint32_t k = 0; k < 300; ++k)
+        children = cat({children, uleb(2), uleb(k % 100), Fields{{4, k}}, bytes({1, 0x51}), bytes({7}),  //
+                        uleb(3), bytes({2, 0x91, 0x7f}), Fields{{4, k}}});
+    Bytes in;
+    for (int u = 0; u < 8; ++u) {
+        const Bytes one = encode(unit(5, cat({uleb(1), bytes({'c', 0}), children, bytes({0})})), Order::Big);
+        in.insert(in.end(), one.begin(), one.end());
+    }
+    for (const tamo::Walk walk : {tamo::Walk::OneUnit, tamo::Walk::Windows, tamo::Walk::Chase}) {
+        Bytes expected = in;
+        tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(expected.data()),
+                           reinterpret_cast<char*>(expected.data()), in.size(), nullptr, false, &a, walk);
+        long failing = 0;
+        for (bool hit = true; hit && failing < 10000; ++failing) {
+            Bytes inPlace = in, out(in.size());
+            failNewAfter(failing);
+            tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(inPlace.data()),
+                               reinterpret_cast<char*>(inPlace.data()), in.size(), nullptr, false, &a, walk);
+            tamo::dwarfConvert(".debug_info", reinterpret_cast<char*>(in.data()), reinterpret_cast<char*>(out.data()),
+                               in.size(), nullptr, false, &a, walk);
+            hit = failNewAfter(-1);
+            for (size_t i = 0; i < in.size(); ++i)
+                if ((inPlace[i] != in[i] && inPlace[i] != expected[i]) || (out[i] != in[i] && out[i] != expected[i]))
+                    FAIL() << "walk " << static_cast<int>(walk) << ", allocation " << failing << ": byte " << i;
+            if (!hit) {
+                EXPECT_TRUE(inPlace == expected && out == expected) << "walk " << static_cast<int>(walk);
+            }
+        }
+        EXPECT_LT(failing, 10000);
+    }
 }
 
 TEST(DebugInfo, UnitHeadersTreesAndSeveralUnits) {
