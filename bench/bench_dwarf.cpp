@@ -4,7 +4,8 @@
 // output (DWARF 5, big-endian), repeated: for tests/data/dwarf_sample.cpp
 // (units of about 1 KiB), and for a generated source of 3,000 structures
 // and functions (units of about 430 KiB, whose address indices take two
-// bytes). Without clang the benchmark says so and does nothing.
+// bytes); and one compiler object's unit at a time, as a client converts
+// it. Without clang the benchmark says so and does nothing.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -131,7 +132,52 @@ void BM_debug_info_between(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * 2 * a.size()));
 }
 
+// A compiler's object as a client converts it: its one unit of about
+// 1 KiB through endian_swap_dwarf_section with the object's descriptor,
+// abbreviation tables read and released each time. At this size the
+// conversion is mostly that setup: the time an object is the figure.
+void BM_debug_info_one_object(benchmark::State& state) {
+    const std::string obj = "/tmp/tamoelf-bench-dwarf-object.o";
+    const std::string cmd = "clang++ --target=powerpc-linux-gnu -fno-addrsig -g -O0 -c '" TAMO_TEST_DATA
+                            "/dwarf_sample.cpp' -o " +
+                            obj + " 2>/dev/null";
+    std::vector<char> image;
+    if (std::system(cmd.c_str()) == 0)
+        if (FILE* f = std::fopen(obj.c_str(), "rb")) {
+            for (int c; (c = std::fgetc(f)) != EOF;) image.push_back(static_cast<char>(c));
+            std::fclose(f);
+        }
+    unlink(obj.c_str());
+    Elf* elf = image.empty() ? nullptr : tamo_elf_memory(image.data(), image.size());
+    if (!elf) {
+        state.SkipWithError("clang is not installed");
+        return;
+    }
+    tamo_elf_setreadswapcontroller(elf, [](Elf32_Shdr*, const char*) { return 4; });  // as stored
+    const size_t names = tamo_elf32_getehdr(elf)->e_shstrndx;
+    Elf32_Shdr* header = nullptr;
+    std::vector<char> src, dst;
+    for (Elf_Scn* scn = nullptr; (scn = tamo_elf_nextscn(elf, scn)) != nullptr;) {
+        Elf32_Shdr* sh = tamo_elf32_getshdr(scn);
+        const char* name = tamo_elf_strptr(elf, names, sh->sh_name);
+        Elf_Data* d = tamo_elf_getdata(scn, nullptr);
+        if (!name || !d || std::strcmp(name, ".debug_info") != 0) continue;
+        header = sh;
+        src.assign(static_cast<char*>(d->d_buf), static_cast<char*>(d->d_buf) + d->d_size);
+        dst.resize(src.size());
+    }
+    for (auto _ : state) {
+        if (!header) break;
+        endian_swap_dwarf_section(".debug_info", src.data(), dst.data(), elf, header, false);
+        benchmark::DoNotOptimize(dst.data());
+    }
+    if (!header) state.SkipWithError("no .debug_info");
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * src.size()));
+    tamo_elf_end(elf);
+}
+
 BENCHMARK(BM_memcpy)->Unit(benchmark::kMillisecond)->MinTime(2);
+BENCHMARK(BM_debug_info_one_object)->Unit(benchmark::kMicrosecond)->MinTime(1);
 BENCHMARK(BM_debug_info_in_place)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(BM_debug_info_between)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(BM_debug_info_large_units)->Unit(benchmark::kMillisecond)->MinTime(2);
