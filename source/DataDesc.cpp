@@ -87,7 +87,7 @@ int DataDesc::initialize() {
         };
         // Chunks are whole records, so a partial record at the end stays as
         // it is, as p.count says.
-        if (!readSection(elf->fd(), from, static_cast<uint8_t*>(m_data.d_buf), m_data.d_size, unitSize(type),
+        if (!readSection(*elf->m_pFile, from, static_cast<uint8_t*>(m_data.d_buf), m_data.d_size, unitSize(type),
                          whileReading ? +convert : nullptr, &p))
             return -1;
         converted = whileReading;

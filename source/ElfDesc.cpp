@@ -316,9 +316,15 @@ int Elf::read_all() {
         return -1;
     }
     if (m_kind == ELF_K_ELF || isMember()) {
+        // The sections are read one after another with no call of the
+        // caller's in between: the position is set once, at the end.
+        FileDesc::Batch batch(*m_pFile);
         for (size_t i = 1; i < shdrCount(); ++i)
-            if (!get_scn(i)) return -1;
-        return 0;
+            if (!get_scn(i)) {
+                batch.settle();
+                return -1;
+            }
+        return batch.settle() ? 0 : -1;
     }
     if (isArchive()) {
         if (m_pAr->m_members.empty()) {

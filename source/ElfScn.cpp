@@ -202,7 +202,7 @@ int Elf_Scn::initialize() {
         if (kind == CoffKind::LineRelocations) {
             sh->sh_type = order == ELFDATA2LSB ? SHT_COFF_LNRELA_6TO8 : SHT_COFF_LNRELA_8TO6;
         } else if (kind != CoffKind::None) {
-            if (readFrom >= 0 && !readSection(m_pElf->fd(), readFrom, bytes, sh->sh_size)) return -1;
+            if (readFrom >= 0 && !readSection(*m_pElf->m_pFile, readFrom, bytes, sh->sh_size)) return -1;
             readFrom = -1;
             bytes = reshape(bytes, coffFileRecord(kind, order), coffMemoryRecord(kind), readable);
             if (!bytes) return -1;

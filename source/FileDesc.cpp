@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "ElfDesc.h"
 #include "ErrHndr.h"
@@ -29,6 +30,41 @@ int64_t FileDesc::currentSize() {
     struct stat st;
     if (m_iFd >= 0 && ::fstat(m_iFd, &st) == 0) m_lFileSize = st.st_size;
     return m_lFileSize;
+}
+
+const uint8_t* FileDesc::readAhead(int64_t at, size_t n) {
+    constexpr size_t kSmall = size_t{32} << 10, kAhead = size_t{128} << 10;
+    if (n == 0 || n > kSmall || at < 0 || m_iFd < 0) return nullptr;
+    if (m_aheadSize >= n && at >= m_aheadStart && static_cast<uint64_t>(at - m_aheadStart) <= m_aheadSize - n)
+        return m_ahead.get() + (at - m_aheadStart);
+    // As far as the file went when it was opened, and at least the section.
+    const int64_t held = m_lFileSize > at ? m_lFileSize - at : 0;
+    size_t want = static_cast<uint64_t>(held) < kAhead ? static_cast<size_t>(held) : kAhead;
+    if (want < n) want = n;
+    if (want > m_aheadCapacity) {
+        m_aheadSize = 0;
+        m_ahead.reset(new (std::nothrow) uint8_t[want]);
+        m_aheadCapacity = m_ahead ? want : 0;
+        if (!m_ahead) return nullptr;
+    }
+    const ssize_t got = preadFully(m_iFd, m_ahead.get(), want, at);
+    m_aheadStart = at;
+    m_aheadSize = got > 0 ? static_cast<size_t>(got) : 0;
+    return m_aheadSize >= n ? m_ahead.get() : nullptr;
+}
+
+bool FileDesc::leaveAt(int64_t position) {
+    if (m_batched) {
+        m_owed = position;
+        return true;
+    }
+    return seekSet(m_iFd, position, "Elf_Scn::initialize");
+}
+
+bool FileDesc::Batch::settle() {
+    if (!m_outer || m_file.m_owed < 0) return true;
+    const int64_t owed = std::exchange(m_file.m_owed, -1);
+    return seekSet(m_file.m_iFd, owed, "Elf_Scn::initialize");
 }
 
 int FileDesc::initialize() {
@@ -138,8 +174,15 @@ ssize_t readFully(int fd, void* buf, size_t n) { return readLoop(fd, buf, n, -1)
 
 ssize_t preadFully(int fd, void* buf, size_t n, int64_t off) { return off < 0 ? -1 : readLoop(fd, buf, n, off); }
 
-bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit,
+bool readSection(FileDesc& file, int64_t at, uint8_t* buf, size_t n, size_t unit,
                  bool (*convert)(const uint8_t*, uint8_t*, size_t, const void*), const void* context) {
+    if (const uint8_t* from = file.readAhead(at, n)) {
+        const size_t converted = convert && convert(from, buf, n, context) ? n / unit * unit : 0;
+        std::memcpy(buf + converted, from + converted, n - converted);
+        return file.leaveAt(at + static_cast<int64_t>(n));
+    }
+    const int fd = file.m_iFd;
+    file.readDirectly();
     if (!seekSet(fd, at, "Elf_Scn::initialize")) return false;
     // A chunk to convert is read into a buffer of the thread's own, small
     // enough to stay in the second-level cache, and converted from there

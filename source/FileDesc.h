@@ -7,6 +7,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "tamoelf.h"
 
@@ -44,6 +45,50 @@ public:
     // The file's current size by fstat (the size recorded at opening when the
     // call fails); updates m_lFileSize.
     int64_t currentSize();
+
+    // The n bytes at file offset `at`, from bytes of the file read ahead
+    // (read there first, if they are not, with one read of up to 128 KiB
+    // that leaves the position alone); null for sections of more than 32
+    // KiB, or when the file does not hold them. A compiler's object has
+    // dozens of sections of a few hundred bytes, and on a virtual machine a
+    // seek and a read of each took 50 times as long as reading the file.
+    // The bytes are those of the file when they were read ahead: the
+    // library forgets them when it writes the file.
+    const uint8_t* readAhead(int64_t at, size_t n);
+    void forgetReadAhead() { m_aheadSize = 0; }
+
+    // Leaves the file where reading up to `position` would have: at once,
+    // or, while the reads are batched, once the batch ends (the caller
+    // cannot see the position in between). False with the code set when
+    // the seek fails.
+    bool leaveAt(int64_t position);
+    // A read made at once: no seek is owed before it.
+    void readDirectly() { m_owed = -1; }
+    // Reads of one call batched: the seek owed is made when the outermost
+    // batch ends.
+    class Batch {
+    public:
+        explicit Batch(FileDesc& f) : m_file(f), m_outer(!f.m_batched) { f.m_batched = true; }
+        ~Batch() {
+            if (m_outer) m_file.m_batched = false;
+        }
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+        // Makes the seek owed (outermost batch only); false with the code
+        // set when it fails.
+        bool settle();
+
+    private:
+        FileDesc& m_file;
+        bool m_outer;
+    };
+
+private:
+    std::unique_ptr<uint8_t[]> m_ahead;
+    size_t m_aheadCapacity = 0, m_aheadSize = 0;
+    int64_t m_aheadStart = 0;
+    bool m_batched = false;
+    int64_t m_owed = -1;  // the position the batched reads leave the file at
 };
 
 namespace tamo {
@@ -64,14 +109,15 @@ ssize_t readFully(int fd, void* buf, size_t n);
 // The same at an absolute offset, without moving the position.
 ssize_t preadFully(int fd, void* buf, size_t n, int64_t off);
 
-// Reads exactly n bytes at offset `at` (seeking there first) into buf; false
-// with the code set when the file has fewer or a read fails. With `convert`,
+// Reads exactly n bytes at offset `at` into buf, leaving the file where a
+// seek to `at` and a read would have (small sections come from bytes read
+// ahead); false with the code set when the file has fewer or a read fails. With `convert`,
 // each chunk is handed to it (where it was read, where it goes, length)
 // while still in cache, right after it was read; the two places may be
 // one. Chunks are a whole number of `unit` bytes except the last; `convert`
 // writes every whole record of them, or returns false having written none.
 // Bytes it does not write are as they were read.
-bool readSection(int fd, int64_t at, uint8_t* buf, size_t n, size_t unit = 1,
+bool readSection(FileDesc& file, int64_t at, uint8_t* buf, size_t n, size_t unit = 1,
                  bool (*convert)(const uint8_t*, uint8_t*, size_t, const void*) = nullptr, const void* context = nullptr);
 
 }  // namespace tamo

@@ -446,6 +446,7 @@ char* Elf::imageBuffer(uint64_t size) {
 
 int Elf::writeImage(const char* buffer, uint64_t size) {
     const int id = fd();
+    m_pFile->forgetReadAhead();
     if (!seekSet(id, 0, "elf_update")) return -1;
     for (uint64_t done = 0; done < size;) {
         const ssize_t w = ::write(id, buffer + done, static_cast<size_t>(size - done));
