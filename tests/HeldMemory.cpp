@@ -10,13 +10,13 @@
 // sanitizer's own.
 namespace {
 std::atomic<long> held{0};
-std::atomic<bool> limited{false};
-std::atomic<long> left{0};  // when limited: allocations left before every one fails
-std::atomic<bool> failed{false};
+std::atomic<bool> newsLimited{false};
+std::atomic<long> newsLeft{0};  // when limited: allocations left before every one fails
+std::atomic<bool> newFailed{false};
 
 void* take(size_t n) noexcept {
-    if (limited.load() && left.fetch_sub(1) <= 0) {
-        failed = true;
+    if (newsLimited.load() && newsLeft.fetch_sub(1) <= 0) {
+        newFailed = true;
         return nullptr;
     }
     void* p = std::malloc(n ? n : 1);
@@ -32,9 +32,9 @@ void give(void* p) noexcept {
 long heldByNew() { return held.load(); }
 
 bool failNewAfter(long n) {
-    left = n;
-    limited = n >= 0;
-    return failed.exchange(false);
+    newsLeft = n;
+    newsLimited = n >= 0;
+    return newFailed.exchange(false);
 }
 
 void* operator new(size_t n) {
