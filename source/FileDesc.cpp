@@ -35,22 +35,42 @@ int64_t FileDesc::currentSize() {
 const uint8_t* FileDesc::readAhead(int64_t at, size_t n) {
     constexpr size_t kSmall = size_t{32} << 10, kAhead = size_t{128} << 10;
     if (n == 0 || n > kSmall || at < 0 || m_iFd < 0) return nullptr;
-    if (m_aheadSize >= n && at >= m_aheadStart && static_cast<uint64_t>(at - m_aheadStart) <= m_aheadSize - n)
-        return m_ahead.get() + (at - m_aheadStart);
-    // As far as the file went when it was opened, and at least the section.
-    const int64_t held = m_lFileSize > at ? m_lFileSize - at : 0;
-    size_t want = static_cast<uint64_t>(held) < kAhead ? static_cast<size_t>(held) : kAhead;
-    if (want < n) want = n;
+    const int64_t start = m_aheadStart, end = m_aheadStart + static_cast<int64_t>(m_aheadSize);
+    const int64_t last = at + static_cast<int64_t>(n);
+    if (at >= start && last <= end) {
+        ++m_aheadHits;
+        return m_ahead.get() + (at - start);
+    }
+    // Reading ahead pays while sections are asked for near one another:
+    // the first time, after a window served one, or just past either of
+    // its ends (a walk forward or backward). Sections asked for here and
+    // there are read on their own, as if there were no window.
+    const bool forward = at >= end && at - end <= static_cast<int64_t>(kSmall);
+    const bool backward = last <= start && start - last <= static_cast<int64_t>(kSmall);
+    const bool ahead = m_aheadCapacity == 0 || m_aheadHits > 0 || forward || backward;
+    // Backward, the window ends with the section; otherwise it starts with
+    // it and goes as far as the file went when it was opened.
+    int64_t from = at;
+    size_t want = n;
+    if (ahead && backward) {
+        from = last > static_cast<int64_t>(kAhead) ? last - static_cast<int64_t>(kAhead) : 0;
+        want = static_cast<size_t>(last - from);
+    } else if (ahead) {
+        const int64_t held = m_lFileSize > at ? m_lFileSize - at : 0;
+        want = static_cast<uint64_t>(held) < kAhead ? static_cast<size_t>(held) : kAhead;
+        if (want < n) want = n;
+    }
     if (want > m_aheadCapacity) {
         m_aheadSize = 0;
         m_ahead.reset(new (std::nothrow) uint8_t[want]);
         m_aheadCapacity = m_ahead ? want : 0;
         if (!m_ahead) return nullptr;
     }
-    const ssize_t got = preadFully(m_iFd, m_ahead.get(), want, at);
-    m_aheadStart = at;
+    const ssize_t got = preadFully(m_iFd, m_ahead.get(), want, from);
+    m_aheadStart = from;
     m_aheadSize = got > 0 ? static_cast<size_t>(got) : 0;
-    return m_aheadSize >= n ? m_ahead.get() : nullptr;
+    m_aheadHits = 0;
+    return m_aheadSize >= static_cast<size_t>(last - from) ? m_ahead.get() + (at - from) : nullptr;
 }
 
 bool FileDesc::leaveAt(int64_t position) {

@@ -48,8 +48,9 @@ public:
 
     // The n bytes at file offset `at`, from bytes of the file read ahead
     // (read there first, if they are not, with one read of up to 128 KiB
-    // that leaves the position alone); null for sections of more than 32
-    // KiB, or when the file does not hold them. A compiler's object has
+    // that leaves the position alone, forward from them or, walking
+    // backward, up to their end); null for sections of more than 32 KiB, or
+    // when the file does not hold them. A compiler's object has
     // dozens of sections of a few hundred bytes, and on a virtual machine a
     // seek and a read of each took 50 times as long as reading the file.
     // The bytes are those of the file when they were read ahead: the
@@ -85,7 +86,7 @@ public:
 
 private:
     std::unique_ptr<uint8_t[]> m_ahead;
-    size_t m_aheadCapacity = 0, m_aheadSize = 0;
+    size_t m_aheadCapacity = 0, m_aheadSize = 0, m_aheadHits = 0;
     int64_t m_aheadStart = 0;
     bool m_batched = false;
     int64_t m_owed = -1;  // the position the batched reads leave the file at

@@ -85,16 +85,24 @@ TEST_P(ReadBoth, EveryRecordTypeInHostOrder) {
         {s.text, ELF_T_BYTE}, {s.strtab, ELF_T_BYTE},         {s.symtab, ELF_T_SYM},  {s.rela, ELF_T_RELA},
         {s.rel, ELF_T_REL},   {s.hash, ELF_T_WORD},           {s.dynamic, ELF_T_DYN}, {s.sixword, ELF_T_SIXWORD},
         {s.offs, ELF_T_OFF},  {s.threeword, ELF_T_THREEWORD}, {s.own12, ELF_T_BYTE},  {s.note, ELF_T_BYTE}};
-    for (auto [index, type] : types) {
-        const Section& want = s.section(index);
-        Elf_Data* d = o->data(index);
-        ASSERT_NE(d, nullptr) << want.name;
-        // Bytes are only converted for typed data; plain bytes stay as stored.
-        const Bytes expect = encode(want.content, type == ELF_T_BYTE ? order() : kHost);
-        EXPECT_EQ(std::tie(d->d_type, d->d_off, d->d_align, d->d_version, d->d_size),
-                  std::make_tuple(type, 0, 1u, 1u, expect.size()))
-            << want.name;
-        EXPECT_EQ(o->bytes(index), expect) << want.name;
+    // Asked for in section order, then (a file read ahead backward) in
+    // the reverse order.
+    for (bool reverse : {false, true}) {
+        if (reverse) {
+            ASSERT_NO_FATAL_FAILURE(reopen());
+        }
+        for (size_t k = 0; k < std::size(types); ++k) {
+            const auto [index, type] = types[reverse ? std::size(types) - 1 - k : k];
+            const Section& want = s.section(index);
+            Elf_Data* d = o->data(index);
+            ASSERT_NE(d, nullptr) << want.name;
+            // Bytes are only converted for typed data; plain bytes stay as stored.
+            const Bytes expect = encode(want.content, type == ELF_T_BYTE ? order() : kHost);
+            EXPECT_EQ(std::tie(d->d_type, d->d_off, d->d_align, d->d_version, d->d_size),
+                      std::make_tuple(type, 0, 1u, 1u, expect.size()))
+                << want.name;
+            EXPECT_EQ(o->bytes(index), expect) << want.name << (reverse ? ", in reverse" : "");
+        }
     }
     // Symbols and relocations through the public records.
     auto* syms = static_cast<Elf32_Sym*>(o->data(s.symtab)->d_buf);
