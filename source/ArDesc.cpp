@@ -8,26 +8,6 @@
 
 using namespace tamo;
 
-namespace tamo {
-
-long FileWindow::fetch(int64_t off, size_t n, const uint8_t** p) {
-    if (n > kCapacity) n = kCapacity;
-    if (m_start >= 0 && off >= m_start && off - m_start <= static_cast<int64_t>(m_len) &&
-        m_len - static_cast<size_t>(off - m_start) >= n) {
-        *p = m_buf.get() + (off - m_start);
-        return static_cast<long>(n);
-    }
-    if (!m_buf) m_buf = std::make_unique<uint8_t[]>(kCapacity);
-    const ssize_t got = preadFully(m_fd, m_buf.get(), kCapacity, off);
-    if (got < 0) return -1;
-    m_start = off;
-    m_len = static_cast<size_t>(got);
-    *p = m_buf.get();
-    return static_cast<long>(std::min(n, m_len));
-}
-
-}  // namespace tamo
-
 ArDesc::~ArDesc() = default;
 
 int ArDesc::initialize() {

@@ -8,31 +8,10 @@
 
 #include "ArMember.h"
 #include "ArSymTab.h"
+#include "FileDesc.h"
 
 class Elf;
 class FileDesc;
-
-namespace tamo {
-
-// A read-through window on a file, so that walking many small headers costs
-// few system calls. Reads with pread: the file position is not moved.
-class FileWindow {
-public:
-    explicit FileWindow(int fd) : m_fd(fd) {}
-    // Makes up to n (at most kCapacity) bytes at off available in *p and
-    // returns how many there are (fewer at end of file), or -1 when the read
-    // fails.
-    long fetch(int64_t off, size_t n, const uint8_t** p);
-    static constexpr size_t kCapacity = 4096;
-
-private:
-    int m_fd;
-    int64_t m_start = -1;
-    size_t m_len = 0;
-    std::unique_ptr<uint8_t[]> m_buf;
-};
-
-}  // namespace tamo
 
 class ArDesc {
 public:

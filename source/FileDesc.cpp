@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -35,19 +36,18 @@ int64_t FileDesc::currentSize() {
 const uint8_t* FileDesc::readAhead(int64_t at, size_t n) {
     constexpr size_t kSmall = size_t{32} << 10, kAhead = size_t{128} << 10;
     if (n == 0 || n > kSmall || at < 0 || m_iFd < 0) return nullptr;
-    const int64_t start = m_aheadStart, end = m_aheadStart + static_cast<int64_t>(m_aheadSize);
-    const int64_t last = at + static_cast<int64_t>(n);
-    if (at >= start && last <= end) {
+    if (const uint8_t* p = m_ahead.covered(at, n)) {
         ++m_aheadHits;
-        return m_ahead.get() + (at - start);
+        return p;
     }
     // Reading ahead pays while sections are asked for near one another:
     // the first time, after a window served one, or just past either of
     // its ends (a walk forward or backward). Sections asked for here and
     // there are read on their own, as if there were no window.
+    const int64_t start = m_ahead.start(), end = m_ahead.end(), last = at + static_cast<int64_t>(n);
     const bool forward = at >= end && at - end <= static_cast<int64_t>(kSmall);
     const bool backward = last <= start && start - last <= static_cast<int64_t>(kSmall);
-    const bool ahead = m_aheadCapacity == 0 || m_aheadHits > 0 || forward || backward;
+    const bool ahead = !m_ahead.everFilled() || m_aheadHits > 0 || forward || backward;
     // Backward, the window ends with the section; otherwise it starts with
     // it and goes as far as the file went when it was opened.
     int64_t from = at;
@@ -57,20 +57,15 @@ const uint8_t* FileDesc::readAhead(int64_t at, size_t n) {
         want = static_cast<size_t>(last - from);
     } else if (ahead) {
         const int64_t held = m_lFileSize > at ? m_lFileSize - at : 0;
-        want = static_cast<uint64_t>(held) < kAhead ? static_cast<size_t>(held) : kAhead;
-        if (want < n) want = n;
+        want = std::max(n, static_cast<uint64_t>(held) < kAhead ? static_cast<size_t>(held) : kAhead);
     }
-    if (want > m_aheadCapacity) {
-        m_aheadSize = 0;
-        m_ahead.reset(new (std::nothrow) uint8_t[want]);
-        m_aheadCapacity = m_ahead ? want : 0;
-        if (!m_ahead) return nullptr;
-    }
-    const ssize_t got = preadFully(m_iFd, m_ahead.get(), want, from);
-    m_aheadStart = from;
-    m_aheadSize = got > 0 ? static_cast<size_t>(got) : 0;
     m_aheadHits = 0;
-    return m_aheadSize >= static_cast<size_t>(last - from) ? m_ahead.get() + (at - from) : nullptr;
+    try {
+        if (!m_ahead.fill(from, want)) return nullptr;
+    } catch (const std::bad_alloc&) {
+        return nullptr;  // read as if there were no window
+    }
+    return m_ahead.covered(at, n);
 }
 
 bool FileDesc::leaveAt(int64_t position) {
@@ -86,6 +81,34 @@ bool FileDesc::Batch::settle() {
     const int64_t owed = std::exchange(m_file.m_owed, -1);
     return seekSet(m_file.m_iFd, owed, "Elf_Scn::initialize");
 }
+
+namespace tamo {
+
+long FileWindow::fetch(int64_t off, size_t n, const uint8_t** p) {
+    if (n > kCapacity) n = kCapacity;
+    if (const uint8_t* q = covered(off, n)) {
+        *p = q;
+        return static_cast<long>(n);
+    }
+    if (!fill(off, kCapacity)) return -1;
+    *p = m_buf.get();
+    return static_cast<long>(std::min(n, m_len));
+}
+
+bool FileWindow::fill(int64_t off, size_t len) {
+    forget();
+    if (len > m_room) {
+        m_buf = std::make_unique<uint8_t[]>(len);
+        m_room = len;
+    }
+    const ssize_t got = preadFully(m_fd, m_buf.get(), len, off);
+    if (got < 0) return false;
+    m_start = off;
+    m_len = static_cast<size_t>(got);
+    return true;
+}
+
+}  // namespace tamo
 
 int FileDesc::initialize() {
     if (m_cmd == ELF_C_WRITE) {

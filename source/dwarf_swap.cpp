@@ -300,8 +300,8 @@ void debugInfo(const CursorPair& whole, bool types, Walk walk) {
     constexpr size_t kFasterFrom = size_t{16} << 10;
     const bool large = walk == Walk::Fast && whole.size() >= kFasterFrom;
     // The faster walks allocate their tables before converting anything:
-    // without the memory for them, the plain walk (which allocates nothing
-    // of its own) converts the section.
+    // without the memory for them, the plain walk converts the section (an
+    // abbreviation it cannot plan is copied, with the rest of its unit).
     try {
         if ((large || walk == Walk::Chase) && chaseWalkRuns()) return debugInfoChase<B>(whole, types);
         if ((large || walk == Walk::Windows) && windowsWalkRuns()) return debugInfoWindows<B>(whole, types);
